@@ -1,0 +1,232 @@
+// Events: allocation with a recycle pool, the data block, routes, accounting.
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <new>
+
+#include "internal.h"
+
+namespace evfw_host {
+
+namespace {
+
+// Buffers larger than this are not kept on pooled events, so that one huge
+// event does not pin its memory for the rest of the process.
+constexpr size_t kPoolKeepBuffer = 64 * 1024;
+
+constinit EventStore g_store;
+
+}  // namespace
+
+EventStore &event_store() {
+    return g_store;
+}
+
+void diag(const char *fmt, ...) {
+    char buf[512];
+    va_list ap;
+    va_start(ap, fmt);
+    vsnprintf(buf, sizeof buf, fmt, ap);
+    va_end(ap);
+    // One write per line so that lines of concurrent threads do not mix.
+    fprintf(stderr, "evfw_host: %s\n", buf);
+}
+
+EventStore::~EventStore() {
+    drain_pool();
+}
+
+bool EventStore::pooling() {
+    int p = pooling_.load(std::memory_order_relaxed);
+    if (p < 0) {
+        const char *env = getenv("EVFW_HOST_POOL");
+        p = (env != nullptr && strcmp(env, "0") == 0) ? 0 : 1;
+        pooling_.store(p, std::memory_order_relaxed);
+    }
+    return p != 0;
+}
+
+void EventStore::drain_pool() {
+    evfw_event *list;
+    {
+        std::lock_guard lk(mu_);
+        list = head_;
+        head_ = tail_ = nullptr;
+    }
+    while (list != nullptr) {
+        evfw_event *next = list->next;
+        free(list->buf);
+        delete list;
+        list = next;
+    }
+}
+
+evfw_event *EventStore::alloc() {
+    evfw_event *ev = nullptr;
+    if (pooling()) {
+        std::lock_guard lk(mu_);
+        ev = head_;
+        if (ev != nullptr) {
+            head_ = ev->next;
+            if (head_ == nullptr) tail_ = nullptr;
+        }
+    }
+    if (ev == nullptr) {
+        ev = new (std::nothrow) evfw_event;
+        if (ev == nullptr) return nullptr;
+    }
+    ev->gen = gen_.load(std::memory_order_relaxed);
+    ev->id = 0;
+    ev->chnl = 0;
+    ev->ext_id = 0;
+    ev->len = 0;
+    ev->next = nullptr;
+    ev->state.store(kEventLive, std::memory_order_release);
+    ++live_;
+    ++allocated_;
+    return ev;
+}
+
+void EventStore::release(evfw_event *ev) {
+    uint32_t expected = kEventLive;
+    if (!ev->state.compare_exchange_strong(expected, kEventFree, std::memory_order_acq_rel)) {
+        ++bad_frees_;
+        diag("evfw_event_free(%p): the event is not live (freed before?); ignored",
+             static_cast<void *>(ev));
+        return;
+    }
+    if (ev->gen == gen_.load(std::memory_order_relaxed)) {
+        --live_;
+        ++freed_;
+    }
+    if (!pooling()) {
+        free(ev->buf);
+        delete ev;
+        return;
+    }
+    if (ev->cap > kPoolKeepBuffer) {
+        free(ev->buf);
+        ev->buf = nullptr;
+        ev->cap = 0;
+    }
+    ev->len = 0;
+    ev->next = nullptr;
+    std::lock_guard lk(mu_);
+    if (tail_ != nullptr) {
+        tail_->next = ev;
+    } else {
+        head_ = ev;
+    }
+    tail_ = ev;
+}
+
+void EventStore::new_generation() {
+    ++gen_;
+    live_ = 0;
+    allocated_ = 0;
+    freed_ = 0;
+    bad_frees_ = 0;
+    pooling_.store(-1);
+    if (!pooling()) drain_pool();
+}
+
+evfw_event *event_clone(const evfw_event *src) {
+    evfw_event *ev = g_store.alloc();
+    if (ev == nullptr) return nullptr;
+    ev->id = src->id;
+    ev->chnl = src->chnl;
+    ev->ext_id = src->ext_id;
+    if (src->len != 0 && event_set_data(ev, 0, src->buf, src->len) == nullptr) {
+        g_store.release(ev);
+        return nullptr;
+    }
+    return ev;
+}
+
+}  // namespace evfw_host
+
+using evfw_host::g_store;
+
+extern "C" {
+
+evfw_event_t *evfw_event_alloc(const evfw_event_t *source) {
+    evfw_event *ev = g_store.alloc();
+    if (ev != nullptr && source != nullptr) {
+        ev->id = source->id;
+        ev->chnl = source->chnl;
+        ev->ext_id = source->ext_id;
+    }
+    return ev;
+}
+
+void evfw_event_free(evfw_event_t *event) {
+    if (event != nullptr) g_store.release(event);
+}
+
+uint32_t event_get_id(const evfw_event_t *event) {
+    return event != nullptr ? event->id : 0;
+}
+
+int event_set_id(evfw_event_t *event, uint32_t id) {
+    if (event == nullptr) return 0;
+    event->id = id;
+    return 1;
+}
+
+void *event_get_data(evfw_event_t *event, size_t offset, size_t *len) {
+    size_t rest = 0;
+    void *p = nullptr;
+    if (event != nullptr && offset < event->len) {
+        rest = event->len - offset;
+        p = event->buf + offset;
+    }
+    if (len != nullptr) *len = rest;
+    return p;
+}
+
+evfw_event_t *event_set_data(evfw_event_t *event, size_t offset, const void *data, size_t len) {
+    if (event == nullptr || (data == nullptr && len != 0)) return nullptr;
+    if (offset > SIZE_MAX - len) return nullptr;
+    const size_t end = offset + len;
+    if (end > event->cap) {
+        // A fresh block rather than realloc: `data` may point into the old one.
+        size_t cap = event->cap < 64 ? 64 : event->cap;
+        while (cap < end) cap = cap > SIZE_MAX / 2 ? end : cap * 2;
+        auto *buf = static_cast<uint8_t *>(malloc(cap));
+        if (buf == nullptr) return nullptr;
+        const size_t keep = offset < event->len ? offset : event->len;
+        if (keep != 0) memcpy(buf, event->buf, keep);
+        if (len != 0) memcpy(buf + offset, data, len);
+        free(event->buf);
+        event->buf = buf;
+        event->cap = cap;
+    } else if (len != 0) {
+        memmove(event->buf + offset, data, len);
+    }
+    // A gap between the old end and offset reads as zeros.
+    if (offset > event->len) memset(event->buf + event->len, 0, offset - event->len);
+    event->len = end;
+    return event;
+}
+
+uint32_t evfw_event_get_ext_id(const evfw_event_t *event) {
+    return event != nullptr ? event->ext_id : 0;
+}
+
+int evfw_event_cmp_chnl(const evfw_event_t *a, const evfw_event_t *b) {
+    if (a == nullptr || b == nullptr || a->chnl == 0 || b->chnl == 0) return 0;
+    int r = 0;
+    if (a->chnl == b->chnl) r |= 1;
+    if (a->ext_id != 0 && a->ext_id == b->ext_id) r |= 2;
+    return r;
+}
+
+int rx_cond_event_id(const evfw_event_t *event, const void *arg, size_t arg_len) {
+    if (event == nullptr || arg == nullptr || arg_len != sizeof(uint32_t)) return 0;
+    uint32_t want;
+    memcpy(&want, arg, sizeof want);
+    return event->id == want ? 1 : 0;
+}
+
+}  // extern "C"

@@ -1,0 +1,371 @@
+// Internals of the host runtime shared by its translation units.
+//
+// Locking: Core::mu guards contexts, queues, entities, threads and waiters.
+// Handlers (entity, context and peer) never run with mu held.  The trace,
+// log, property and record stores have their own mutexes, which are leaves:
+// nothing else is locked while one of them is held, except that the trace
+// lock is taken inside mu when a send is recorded.
+#ifndef EVFW_HOST_INTERNAL_H
+#define EVFW_HOST_INTERNAL_H
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <deque>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <unordered_set>
+#include <vector>
+
+#include "evfw.h"
+#include "evfw_host/runtime.h"
+
+// ---- events -----------------------------------------------------------------
+
+// State word of an event: an event handed out by evfw_event_alloc is LIVE
+// until evfw_event_free makes it FREE.  Freed events stay in the recycle pool
+// (their memory is never returned while the process runs), so a second free
+// can read the word without undefined behaviour and be recognised.
+inline constexpr uint32_t kEventLive = 0x4556'4c56u;  // "EVLV"
+inline constexpr uint32_t kEventFree = 0x4556'4652u;  // "EVFR"
+
+struct evfw_event {
+    std::atomic<uint32_t> state{kEventFree};
+    uint32_t gen = 0;  // accounting generation (see EventStore)
+    uint32_t id = 0;
+    uint32_t chnl = 0;
+    uint32_t ext_id = 0;
+    uint8_t *buf = nullptr;
+    size_t len = 0;
+    size_t cap = 0;
+    evfw_event *next = nullptr;  // recycle pool link
+};
+
+namespace evfw_host {
+
+// Runtime diagnostic on stderr, prefixed "evfw_host: ".
+void diag(const char *fmt, ...) __attribute__((__format__(printf, 1, 2)));
+
+// Allocation, recycling and accounting of events.  Constant-initialised, so
+// it exists before any other static object and outlives all of them.
+class EventStore {
+  public:
+    constexpr EventStore() noexcept {}
+    ~EventStore();
+    EventStore(const EventStore &) = delete;
+    EventStore &operator=(const EventStore &) = delete;
+
+    evfw_event *alloc();
+    void release(evfw_event *ev);
+    // Starts a new accounting generation: counters restart from zero and
+    // events allocated before no longer count as live (freeing them later
+    // is not counted either).  Re-reads EVFW_HOST_POOL.
+    void new_generation();
+
+    long live() const { return live_.load(); }
+    uint64_t allocated() const { return allocated_.load(); }
+    uint64_t freed() const { return freed_.load(); }
+    long bad_frees() const { return bad_frees_.load(); }
+
+  private:
+    bool pooling();
+    void drain_pool();
+
+    std::mutex mu_;
+    evfw_event *head_ = nullptr;    // oldest freed event: reused first, so a
+    evfw_event *tail_ = nullptr;    // recently freed one stays recognisable
+    std::atomic<int> pooling_{-1};  // -1: not read yet
+    std::atomic<uint32_t> gen_{1};
+    std::atomic<long> live_{0};
+    std::atomic<uint64_t> allocated_{0};
+    std::atomic<uint64_t> freed_{0};
+    std::atomic<long> bad_frees_{0};
+};
+
+EventStore &event_store();
+
+inline bool event_is_live(const evfw_event *ev) {
+    return ev != nullptr && ev->state.load(std::memory_order_acquire) == kEventLive;
+}
+
+// A new event with the same id, data and route as `ev`; nullptr on failure.
+evfw_event *event_clone(const evfw_event *ev);
+
+// Name of a context id: the registry's task names, the external clients'
+// names; never nullptr.
+const char *task_name(uint32_t task_id);
+
+struct Entity;
+class PeerImpl;
+
+// One queued delivery.
+struct Item {
+    uint32_t from = 0;
+    uint32_t to = 0;
+    evfw_event *ev = nullptr;
+};
+
+}  // namespace evfw_host
+
+// ---- contexts -----------------------------------------------------------------
+
+struct evfw_context {
+    enum class Kind { Task, Aux, Peer };
+
+    Kind kind = Kind::Task;
+    uint32_t id = 0;
+    uint32_t chnl = 0;
+    uint32_t ext_id = 0;  // its own id for an external client, else 0
+    const char *name = "";
+    evfw_host::Entity *owner = nullptr;  // the entity whose task this is
+
+    // Entity task: the entity's task object and the handler it installed.
+    evfw_task_t *task = nullptr;
+    evfw_task_hdl_t hdl = nullptr;
+    void *hdl_arg = nullptr;
+    // Handler installed by the framework at load (EntityAbi::ctx_handlers).
+    evfw_ctx_hdl_t ctx_hdl = nullptr;
+    evfw_entity_t *ctx_entity = nullptr;
+    // Peer.
+    evfw_host::PeerImpl *peer = nullptr;
+    std::shared_ptr<evfw_host::PeerHandler> peer_hdl;
+
+    // Threaded mode: the context's own thread and queue.
+    std::thread worker;
+    std::condition_variable cv;
+    std::deque<evfw_host::Item> q;
+    bool has_worker = false;
+    bool stop = false;
+    bool busy = false;
+};
+
+namespace evfw_host {
+
+struct Entity {
+    evfw_entity_t rec{};
+    std::string name;
+    EntityAbi abi;
+    void *dl = nullptr;  // dlopen handle when loaded from a shared object
+};
+
+// A thread routine deterministic mode runs only in run_threads().
+struct PendingThread {
+    evfw_thrd_fn_t fn = nullptr;
+    void *arg = nullptr;
+    Entity *starter = nullptr;  // the entity in whose init it was started
+};
+
+struct StartedThread {
+    std::thread th;
+    std::shared_ptr<std::atomic<bool>> done;
+};
+
+// A thread blocked in send-and-wait (threaded mode).
+struct Waiter {
+    uint32_t task = 0;
+    evfw_rx_cond_t cond = nullptr;
+    const void *arg = nullptr;
+    size_t arg_len = 0;
+    bool matched = false;
+};
+
+// What one delivery runs, collected under Core::mu and run without it.
+struct Delivery {
+    enum class Kind { Discard, TaskHdl, CtxHdl, Peer };
+    Kind kind = Kind::Discard;
+    Item item;
+    evfw_task_hdl_t hdl = nullptr;
+    evfw_task_t *task = nullptr;
+    void *arg = nullptr;
+    evfw_ctx_hdl_t ctx_hdl = nullptr;
+    evfw_context *ctx = nullptr;
+    evfw_entity_t *entity = nullptr;
+    std::shared_ptr<PeerHandler> peer_hdl;
+    PeerImpl *peer = nullptr;
+};
+
+class PeerImpl final : public Peer {
+  public:
+    PeerImpl(evfw_context *ctx, std::string name) : ctx_(ctx), name_(std::move(name)) {}
+
+    uint32_t id() const override { return ctx_->id; }
+    const std::string &name() const override { return name_; }
+    bool external() const override { return ctx_->ext_id != 0; }
+    evfw_context_t *ctx() override { return ctx_; }
+    void on_receive(PeerHandler handler) override;
+    int send(uint32_t to, uint32_t event_id, const void *data, size_t len) override;
+    int reply(const evfw_event_t *request, uint32_t to, uint32_t event_id, const void *data,
+              size_t len) override;
+    std::vector<TraceEntry> received() const override;
+
+  private:
+    int send_event(evfw_event_t *ev, uint32_t to, uint32_t event_id, const void *data, size_t len);
+
+    evfw_context *ctx_;
+    std::string name_;
+};
+
+// The runtime's state and behaviour; Runtime is its public face.
+class Core {
+  public:
+    Core();
+    ~Core();
+    Core(const Core &) = delete;
+    Core &operator=(const Core &) = delete;
+
+    // ---- configuration ----
+    std::atomic<Mode> mode{Mode::Deterministic};
+    std::atomic<int64_t> wait_ms{2000};
+    std::atomic<bool> trace_data{true};
+    std::chrono::milliseconds wait_limit() const { return std::chrono::milliseconds(wait_ms); }
+    bool threaded() const { return mode.load() == Mode::Threaded; }
+
+    void reset(Mode m);
+
+    // ---- contexts ----
+    int task_init(evfw_task_t *task, uint32_t entity_id, uint32_t task_id);
+    int task_exit(evfw_task_t *task);
+    int set_hdl(evfw_task_t *task, evfw_task_hdl_t hdl, void *arg);
+    Peer &add_task(uint32_t task_id);
+    Peer &add_client(const std::string &name);
+    Peer *peer(uint32_t id);
+    void set_peer_handler(evfw_context *ctx, PeerHandler handler);
+    const char *client_name(uint32_t ext_id);
+    // The live context behind an entity's task object, or nullptr.
+    evfw_context *task_ctx_locked(const evfw_task_t *task);
+
+    // ---- sending and delivery ----
+    int send(evfw_context *from, evfw_event *ev, uint32_t to);
+    int send_from_task(evfw_task_t *from, evfw_event *ev, uint32_t to, const char *what);
+    int bcast(evfw_task_t *from, evfw_event *ev);
+    int send_recv(evfw_task_t *from, evfw_event *ev, uint32_t to, evfw_rx_cond_t cond,
+                  const void *arg, size_t arg_len);
+    size_t pump();
+    bool wait_idle(std::chrono::milliseconds timeout);
+
+    // ---- threads, mutexes, init ----
+    int thread_start(evfw_thrd_fn_t fn, void *arg);
+    size_t run_threads();
+    int wait_all_entity_init();
+    void count_timeout() { ++timeouts_; }
+    void count_bad_unlock() { ++bad_unlocks_; }
+
+    // ---- entities ----
+    evfw_entity_t *load(const std::string &name, const EntityAbi &abi, void *dl);
+    evfw_entity_t *load_library(const std::string &path, const std::string &name,
+                                const std::string &init_sym, const std::string &exit_sym,
+                                const std::vector<std::pair<uint32_t, std::string>> &ctx_syms);
+    void unload();
+    std::string last_error;  // read and written by the controlling thread
+
+    // ---- records ----
+    void record_call(std::string call);
+    void record_subscription(const Subscription &s);
+    void record_urc_subscription(UrcSubscription s);
+    std::vector<Subscription> subscriptions() const;
+    std::vector<UrcSubscription> urc_subscriptions() const;
+    std::vector<std::string> calls() const;
+
+    // ---- trace ----
+    std::vector<TraceEntry> trace() const;
+    std::vector<TraceEntry> trace_to(uint32_t to) const;
+    void clear_trace();
+
+    // ---- logs ----
+    void log(int prio, const char *tag, const char *text);
+    std::vector<LogLine> logs() const;
+    void clear_logs();
+    void set_log_capture(bool capture);
+    void set_log_echo(FILE *out);
+
+    // ---- properties ----
+    void set_property(const std::string &key, const std::string &value);
+    void clear_property(const std::string &key);
+    bool get_property(const std::string &key, std::string &value) const;
+    bool load_properties(const std::string &path);
+
+    long bad_unlocks() const { return bad_unlocks_.load(); }
+    long timeouts() const { return timeouts_.load(); }
+
+  private:
+    evfw_context *make_context_locked(evfw_context::Kind kind, uint32_t id, uint32_t ext_id,
+                                      const char *name);
+    void start_worker_locked(evfw_context *c);
+    void worker_loop(evfw_context *c);
+    void stop_worker(evfw_context *c);
+    std::unique_ptr<evfw_context> remove_context_locked(uint32_t id);
+    void retire(std::unique_ptr<evfw_context> c);
+    void reap_graveyard();
+    void join_threads();
+    void teardown();
+
+    void trace_send_locked(uint32_t from, uint32_t to, const evfw_event *ev, bool dropped);
+    void post_locked(uint32_t from, evfw_event *ev, uint32_t to);
+    Delivery prepare_locked(const Item &item);
+    void run(Delivery &d);
+    bool pop_deliverable_locked(Item &out);
+    bool waiting_locked(uint32_t task_id) const;
+    int send_recv_deterministic(evfw_task_t *from, evfw_event *ev, uint32_t to, evfw_rx_cond_t cond,
+                                const void *arg, size_t arg_len);
+    int send_recv_threaded(evfw_task_t *from, evfw_event *ev, uint32_t to, evfw_rx_cond_t cond,
+                           const void *arg, size_t arg_len);
+    void send_recv_timeout(uint32_t task_id, evfw_rx_cond_t cond, const void *arg, size_t arg_len,
+                           const char *why);
+    Entity *owner_for_locked(uint32_t entity_id);
+
+    // Guarded by mu.
+    std::mutex mu;
+    std::condition_variable changed_cv;  // queues drained, matches, threads ended, loads done
+    std::map<uint32_t, std::unique_ptr<evfw_context>> contexts;
+    std::unordered_set<const evfw_context *> live_ctx;
+    std::vector<std::unique_ptr<evfw_context>> graveyard;  // retired from their own thread
+    std::vector<std::unique_ptr<PeerImpl>> peers;
+    std::vector<std::unique_ptr<Entity>> entities;
+    std::deque<Item> fifo;                       // deterministic mode
+    std::vector<uint32_t> waiting;               // deterministic send-and-wait, innermost last
+    std::vector<Waiter *> waiters;               // threaded send-and-wait
+    std::vector<PendingThread> pending_threads;  // deterministic
+    std::vector<StartedThread> threads;          // threaded
+    int loads_in_progress = 0;
+    uint32_t next_chnl = 1;
+    uint32_t next_ext = EVFW_EXT_ID_BASE;
+
+    std::atomic<uint64_t> deliveries_{0};
+    std::atomic<long> bad_unlocks_{0};
+    std::atomic<long> timeouts_{0};
+
+    mutable std::mutex names_mu;
+    std::unordered_set<std::string> interned;  // never shrinks: names handed out stay valid
+    std::map<uint32_t, const char *> client_names;
+    const char *intern(const std::string &s);
+
+    mutable std::mutex rec_mu;
+    std::vector<std::string> calls_;
+    std::vector<Subscription> subs_;
+    std::vector<UrcSubscription> urc_subs_;
+
+    mutable std::mutex trace_mu;
+    std::vector<TraceEntry> trace_;
+    uint64_t next_seq = 1;
+
+    mutable std::mutex log_mu;
+    std::vector<LogLine> logs_;
+    bool log_capture = true;
+    FILE *log_echo = nullptr;
+
+    mutable std::mutex prop_mu;
+    std::map<std::string, std::string, std::less<>> props_;
+};
+
+Core &core();
+
+// The entity whose init runs on this thread, if any.
+extern thread_local Entity *tl_loading;
+
+}  // namespace evfw_host
+
+#endif  // EVFW_HOST_INTERNAL_H

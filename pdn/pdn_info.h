@@ -1,0 +1,134 @@
+// The PDN tables and the data-call control of the data manager.
+//
+// Two tables of 16 rows live for the life of the library: the cellular table
+// (cid 0..15, row = cid) and the ePDG table (cid 100..115, row = cid - 100).
+// Searches go cellular first, lowest row first.  They run on the data
+// manager's main task thread only; nothing here locks.
+#ifndef PDN_INFO_H
+#define PDN_INFO_H
+
+#include <stddef.h>
+#include <stdint.h>
+
+#include "entity/dm_export.h"
+#include "evfw.h"
+#include "pdn/pdn_records.h"
+
+struct TaskInfo;
+
+// One PDN connection or bearer that the modem reported up.
+struct PdnInfo {
+    uint32_t interface_id;  // N of "pdnet<N>"
+    uint32_t primary_cid;   // == cid for a default bearer
+    int32_t cid;
+    uint32_t status;
+    uint32_t active;  // 0: free row, skipped by every search
+    char ifname[128];
+    char apn[128];
+    uint32_t addr_type;
+    uint32_t prefix_len;
+    uint32_t preferred_lifetime;
+    uint32_t valid_lifetime;
+    TaskInfo *owner;  // registry row of the requester; null from a network indication
+    DataCallEntry call;
+};
+
+constexpr int kPdnRows = 16;
+constexpr int kEpdgCidBase = 100;
+
+// The DNS command line and the caller's record of dm_network_config.
+constexpr size_t kDnsCmdLen = 512;
+constexpr size_t kDnsRecordLen = 503;
+
+// Interface types of clear_pdn_info_by_if_type.
+constexpr int32_t kIfTypeCellular = 1;
+constexpr int32_t kIfTypeEpdg = 2;
+
+// Interface id of the setup request the RIL proxy is working on: set when the
+// RIL fetches the IMS parameters (4049), compared with and cleared by the next
+// setup answer or failure indication.  -1: none.
+constexpr int32_t kNoRildReq = -1;
+extern int32_t rild_req_interface_id;
+
+// Test support: the data-call setup state back to its start values
+// (rild_req_interface_id -1, the ePDG support setting not yet read).
+void pdn_setup_state_reset();
+
+extern "C" {
+
+DM_EXPORT PdnInfo *find_pdn_info_by_index(int32_t index);
+DM_EXPORT PdnInfo *find_pdn_info_by_apn(const char *apn);
+DM_EXPORT PdnInfo *find_pdn_info_by_cid(int32_t cid);
+DM_EXPORT PdnInfo *find_pdn_info_by_interface(int32_t interface_id);
+uint32_t get_interface_by_cid(int32_t cid);
+PdnInfo *update_pdn_info(const DataCallEntry *entry, TaskInfo *owner);
+DM_EXPORT int32_t clear_pdn_info_by_if_type(int32_t interface_id, int32_t if_type);
+DM_EXPORT int32_t clear_pdn_info_by_cid(uint32_t cid);
+int32_t reset_pdn_info(void);
+void dump_pdn_info(void);
+
+// ---- data-call setup ----
+DM_EXPORT int32_t dm_setup_data_call_req(void *req, evfw_event_t *event);
+DM_EXPORT int32_t dm_add_ims_para(SetupDataCallReq *req);
+DM_EXPORT int32_t dm_setup_data_call_resp(void *resp, evfw_event_t *event);
+DM_EXPORT int32_t dm_setup_data_call_resp_notify(void *resp, evfw_event_t *event);
+DM_EXPORT int32_t dm_setup_data_call_fail_ind(void *ind, evfw_event_t *event);
+DM_EXPORT int32_t dm_setup_data_call_resp_fail_notify(void *ind, evfw_event_t *event);
+DM_EXPORT int32_t dm_send_to_rb(void *data, uint32_t len, evfw_event_t *event, uint32_t event_id,
+                                uint32_t sim);
+DM_EXPORT int32_t dm_is_epdg_support(void);
+
+// ---- teardown and handover ----
+DM_EXPORT int32_t dm_deactivate_data_call_req(void *req, evfw_event_t *event);
+DM_EXPORT int32_t dm_deactivate_data_call_if_req(void *req, evfw_event_t *event);
+DM_EXPORT int32_t dm_deactivate_data_call_if_with_cause_req(void *req, evfw_event_t *event,
+                                                            int32_t cause);
+DM_EXPORT int32_t dm_notify_epdg_deactivate(void *req, evfw_event_t *event);
+DM_EXPORT int32_t dm_handover_req(void *req, evfw_event_t *event);
+DM_EXPORT int32_t dm_handover_resp(void *resp, evfw_event_t *event);
+DM_EXPORT int32_t dm_set_initial_attach_apn_req(void *req, evfw_event_t *event);
+DM_EXPORT int32_t dm_set_initial_attach_apn_resp(void *resp, evfw_event_t *event);
+
+// ---- relayed requests and their answers ----
+DM_EXPORT int32_t dm_setup_dedicate_data_call_req(void *req, evfw_event_t *event);
+DM_EXPORT int32_t dm_setup_dedicate_data_call_resp(void *resp, evfw_event_t *event);
+DM_EXPORT int32_t dm_modify_data_call_req(void *req, evfw_event_t *event);
+DM_EXPORT int32_t dm_modify_data_call_resp(void *resp, evfw_event_t *event);
+DM_EXPORT int32_t dm_deactivate_dedicate_data_call_req(void *req, evfw_event_t *event);
+DM_EXPORT int32_t dm_deactivate_dedicate_data_call_resp(void *resp, evfw_event_t *event);
+DM_EXPORT int32_t dm_abort_setup_data_call_req(void *req, evfw_event_t *event);
+DM_EXPORT int32_t dm_abort_setup_data_call_resp(void *resp, evfw_event_t *event);
+DM_EXPORT int32_t dm_pcscf_discovery_pco_req(void *req, evfw_event_t *event);
+DM_EXPORT int32_t dm_pcscf_discovery_pco_resp(void *resp, evfw_event_t *event);
+DM_EXPORT int32_t dm_last_data_call_fail_cause_req(void *req, evfw_event_t *event);
+DM_EXPORT int32_t dm_last_data_call_fail_cause_resp(void *resp, evfw_event_t *event);
+DM_EXPORT int32_t dm_data_call_list_req(void *req, evfw_event_t *event);
+DM_EXPORT int32_t dm_data_call_list_resp(void *resp, evfw_event_t *event);
+DM_EXPORT int32_t dm_radio_power_req(void *req, evfw_event_t *event);
+DM_EXPORT int32_t dm_radio_power_do_req(void *req, evfw_event_t *event);
+DM_EXPORT int32_t dm_radio_power_resp(void *resp, evfw_event_t *event);
+DM_EXPORT int32_t dm_allow_data_req(void *req, evfw_event_t *event);
+DM_EXPORT int32_t dm_allow_data_resp(void *resp, evfw_event_t *event);
+DM_EXPORT int32_t dm_deactivate_data_call_resp(void *resp, evfw_event_t *event);
+DM_EXPORT int32_t dm_deactivate_data_call_if_resp(void *resp, evfw_event_t *event);
+DM_EXPORT int32_t dm_fail_resp(void *resp, evfw_event_t *event);
+
+// ---- bearer and cid queries ----
+DM_EXPORT int32_t dm_bear_req(void *req, evfw_event_t *event);
+DM_EXPORT int32_t dm_get_cid_req(void *req, evfw_event_t *event);
+
+// ---- DNS ----
+// Runs "ndc resolver setnetdns <net_id> <dns1> [<dns2> [<dns3>]]" through the
+// shell and records the addresses in the caller's record (may be null; at
+// least kDnsRecordLen bytes otherwise).  Addresses are 16 bytes when is_ipv6,
+// else 4.  Always 0.
+DM_EXPORT int32_t dm_network_config(const char *ifname, uint32_t is_ipv6, const uint8_t *addr,
+                                    const uint8_t *dns1, uint32_t dns_count, const uint8_t *dns2,
+                                    const uint8_t *dns3, int32_t net_id, void *record);
+// Append " <address>" to a command of kDnsCmdLen bytes, NUL-terminated.
+int32_t append_ipv4_addr(char *cmd, const uint8_t *addr);
+int32_t append_ipv6_addr(char *cmd, const uint8_t *addr);
+
+}  // extern "C"
+
+#endif  // PDN_INFO_H
