@@ -17,6 +17,8 @@ void reset_library_state() {
     task_info_reset();
     reset_pdn_info();
     pdn_state_reset();
+    pdn_setup_state_reset();
+    ims_para_slots_reset();
     datamngr_state_reset();
     dm_set_operator_hooks(nullptr);
     dm::log::unbind_tags();

@@ -1,0 +1,123 @@
+// DNS servers of a network for the Android network daemon: one
+// "ndc resolver setnetdns" command line, run through the shell.  Exported for
+// other modules of the daemon; nothing in the data manager calls it.
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+
+#include "entity/dm_log.h"
+#include "pdn/pdn_info.h"
+
+static constexpr dm::log::Module kLogModule = dm::log::Module::Pdn;
+
+namespace {
+
+constexpr size_t kAddrTextLen = 64;
+constexpr size_t kIpv4Len = 4;
+constexpr size_t kIpv6Len = 16;
+
+// Slots of the caller's record (its owner is outside the data manager); the
+// offsets are the record's own and not all aligned, so they are written as
+// bytes.
+constexpr size_t kIpv4AddrAt = 296;
+constexpr size_t kIpv6AddrAt = 313;
+constexpr size_t kIpv4CountAt = 380;
+constexpr size_t kIpv6CountAt = 384;
+constexpr size_t kIpv4Dns2At = 388;
+constexpr size_t kIpv4Dns3At = 405;
+constexpr size_t kIpv6Dns2At = 422;
+constexpr size_t kIpv6Dns3At = 487;
+static_assert(kIpv6Dns3At + kIpv6Len == kDnsRecordLen);
+
+// Appends `text` within the command buffer.
+void append(char *cmd, const char *text) {
+    size_t used = strnlen(cmd, kDnsCmdLen - 1);
+    snprintf(cmd + used, kDnsCmdLen - used, "%s", text);
+}
+
+void put(void *record, size_t at, const void *bytes, size_t len) {
+    memcpy(static_cast<uint8_t *>(record) + at, bytes, len);
+}
+
+uint32_t count_at(const void *record, size_t at) {
+    uint32_t count;
+    memcpy(&count, static_cast<const uint8_t *>(record) + at, sizeof(count));
+    return count;
+}
+
+}  // namespace
+
+int32_t append_ipv4_addr(char *cmd, const uint8_t *addr) {
+    if (addr == nullptr) {
+        DM_LOGE("%s no address\n", __func__);
+        return -1;
+    }
+    char text[kAddrTextLen] = {};
+    snprintf(text, sizeof(text), " %d.%d.%d.%d", addr[0], addr[1], addr[2], addr[3]);
+    append(cmd, text);
+    return 0;
+}
+
+int32_t append_ipv6_addr(char *cmd, const uint8_t *addr) {
+    if (addr == nullptr) {
+        DM_LOGE("%s no address\n", __func__);
+        return -1;
+    }
+    // Every group in full, with its leading zeros: the daemon gets no "::".
+    char text[kAddrTextLen] = {};
+    snprintf(text, sizeof(text),
+             " %02x%02x:%02x%02x:%02x%02x:%02x%02x:%02x%02x:%02x%02x:%02x%02x:%02x%02x", addr[0],
+             addr[1], addr[2], addr[3], addr[4], addr[5], addr[6], addr[7], addr[8], addr[9],
+             addr[10], addr[11], addr[12], addr[13], addr[14], addr[15]);
+    append(cmd, text);
+    return 0;
+}
+
+int32_t dm_network_config(const char *ifname, uint32_t is_ipv6, const uint8_t *addr,
+                          const uint8_t *dns1, uint32_t dns_count, const uint8_t *dns2,
+                          const uint8_t *dns3, int32_t net_id, void *record) {
+    char cmd[kDnsCmdLen] = {};
+    DM_LOGI("%s interface %s network id : %d", __func__, ifname != nullptr ? ifname : "", net_id);
+    snprintf(cmd, sizeof(cmd), "ndc resolver setnetdns %d", net_id);
+
+    if (is_ipv6 != 0) {
+        append_ipv6_addr(cmd, dns1);
+        if (dns_count == 0) {
+            DM_LOGE("%s no IPv6 dns addr %u", __func__, dns_count);
+        } else {
+            append_ipv6_addr(cmd, dns2);
+        }
+        if (dns_count > 1) append_ipv6_addr(cmd, dns3);
+
+        if (record != nullptr) {
+            if (addr != nullptr) put(record, kIpv6AddrAt, addr, kIpv6Len);
+            put(record, kIpv6CountAt, &dns_count, sizeof(dns_count));
+            uint32_t stored = count_at(record, kIpv6CountAt);
+            if (stored != 0 && dns2 != nullptr) put(record, kIpv6Dns2At, dns2, kIpv6Len);
+            if (stored > 1 && dns3 != nullptr) put(record, kIpv6Dns3At, dns3, kIpv6Len);
+        } else {
+            DM_LOGE("%s NULL PDN info\n", __func__);
+        }
+    } else {
+        // No zero-count test on this path: the second server always goes on
+        // the command line.
+        append_ipv4_addr(cmd, dns1);
+        append_ipv4_addr(cmd, dns2);
+        if (dns_count > 1) append_ipv4_addr(cmd, dns3);
+
+        if (record != nullptr) {
+            if (addr != nullptr) put(record, kIpv4AddrAt, addr, kIpv4Len);
+            put(record, kIpv4CountAt, &dns_count, sizeof(dns_count));
+            uint32_t stored = count_at(record, kIpv4CountAt);
+            if (stored != 0 && dns2 != nullptr) put(record, kIpv4Dns2At, dns2, kIpv4Len);
+            if (stored > 1 && dns3 != nullptr) put(record, kIpv4Dns3At, dns3, kIpv4Len);
+        } else {
+            DM_LOGE("%s NULL PDN info\n", __func__);
+        }
+    }
+
+    DM_LOGI("cmd = (%s)", cmd);
+    int ret = system(cmd);
+    DM_LOGI("add dns server & dns, ret = (%d)", ret);
+    return 0;
+}
