@@ -161,10 +161,23 @@ int32_t dm_setup_data_call_resp(void *data, evfw_event_t *event) {
 
     ImsParaSlot *slot = ims_para_slot(resp->interface_id);
     if (slot != nullptr) {
+        uint32_t previous = slot->state;
         memcpy(&slot->response, resp, sizeof(slot->response));
         slot->state = kImsSlotResponseStored;
         DM_LOGI("%s interface id %d for IMS switch to state %d\n", __func__, resp->interface_id,
                 slot->state);
+        if (previous == kImsSlotQueryParked) {
+            // The IMS manager asked before the answer was there: answer it now.
+            evfw_event_t *parked = slot->parked_req.event;
+            slot->parked_req.event = nullptr;
+            if (parked == nullptr) {
+                DM_LOGE("%s interface id %d parked query without event\n", __func__,
+                        resp->interface_id);
+            } else {
+                dm_get_ims_pdn_req(&slot->parked_req.req, parked);
+                evfw_event_free(parked);
+            }
+        }
     }
 
     if (resp->status != 0) {
