@@ -43,9 +43,9 @@ constexpr int32_t kRbDeactivateCause = 100;
 
 // clang-format off
 constexpr std::array kEventTable = std::to_array<EventRow>({
-    {EVENT_ATMNGR_ATCMD_REQ,                             552, Route::kHandler, nullptr},
-    {EVENT_ATMNGR_ATCMD_RESP,                           4120, Route::kHandler, nullptr},
-    {EVENT_ATMNGR_URC,                                  4108, Route::kHandler, nullptr},
+    {EVENT_ATMNGR_ATCMD_REQ,                             552, Route::kHandler, dm_atcmd_req},
+    {EVENT_ATMNGR_ATCMD_RESP,                           4120, Route::kHandler, dm_atcmd_resp},
+    {EVENT_ATMNGR_URC,                                  4108, Route::kHandler, dm_atcmd_urc},
     {EVENT_ATMNGR_NOTIFY,                                  4, Route::kIgnored, nullptr},
     {EVENT_DATAMNGR_NOTIFICATION,                        132, Route::kHandler, dm_notification},
     {EVENT_DATAMNGR_SETUP_DATA_CALL_REQ,                 704, Route::kHandler, dm_setup_data_call_req},

@@ -16,7 +16,7 @@ struct DefaultUrcEntry {
 };
 
 inline constexpr std::array<DefaultUrcEntry, 1> kDefaultUrcTable = {{
-        {"+CGEV", nullptr, 1},
+        {"+CGEV", default_urc_cgev, 1},
 }};
 
 #endif  // URC_TABLE_H

@@ -19,6 +19,7 @@ void reset_library_state() {
     pdn_state_reset();
     pdn_setup_state_reset();
     ims_para_slots_reset();
+    dati_state_reset();
     datamngr_state_reset();
     dm_set_operator_hooks(nullptr);
     dm::log::unbind_tags();
@@ -32,6 +33,7 @@ Harness::Harness(evfw_host::Mode mode) : rt_(Runtime::instance()) {
     evfw_host::EntityAbi abi;
     abi.init = datamngr_entity_init;
     abi.exit = datamngr_entity_exit;
+    abi.ctx_handlers = {{TASK_DATAMNGR_DATI_HDL, datamngr_dati_task_hdl}};
     entity_record_ = rt_.load("datamngr", abi);
     rt_.run_threads();
 }
