@@ -39,7 +39,7 @@ inline Addr addr_of(const uint8_t *bytes) {
 inline SetupDataCallReq ims_params(const char *apn, uint32_t emergency = 0, uint8_t sim = 0) {
     SetupDataCallReq r;
     memset(&r, 0, sizeof(r));
-    strncpy(r.apn, apn, sizeof(r.apn));
+    dm::testkit::copy_field(r.apn, apn);
     r.ims_para_valid = 1;
     for (size_t i = 0; i < sizeof(r.ims_para); ++i) r.ims_para[i] = static_cast<uint8_t>(0xa0 + i);
     r.emergency_ind = emergency;
@@ -81,7 +81,7 @@ inline std::unique_ptr<SetupDataCallResp> setup_answer(uint32_t interface_id, ui
 inline ImsPdnReq ims_pdn_req(const char *ifname, uint32_t token) {
     ImsPdnReq r;
     memset(&r, 0, sizeof(r));
-    strncpy(r.ifname, ifname, sizeof(r.ifname));
+    dm::testkit::copy_field(r.ifname, ifname);
     r.req_token = token;
     return r;
 }

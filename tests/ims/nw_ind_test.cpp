@@ -5,6 +5,7 @@
 #include "entity/task_info.h"
 #include "ims_test_util.h"
 #include "netns.h"
+#include "testkit/testkit.h"
 
 namespace {
 
@@ -165,7 +166,7 @@ class ImsBearerTest : public ImsNwIndTest {
         TaskInfo *owner = query_task_info(query_task_info_by_name("imsm_0"));
         DataCallEntry e = bearer(static_cast<int32_t>(iface), iface, iface);
         PdnInfo *row = update_pdn_info(&e, owner);
-        strncpy(row->apn, apn, sizeof(row->apn));
+        dm::testkit::copy_field(row->apn, apn);
         h.clear();
         return owner;
     }

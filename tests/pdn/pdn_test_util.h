@@ -35,7 +35,7 @@ inline DataCallEntry default_bearer(int32_t cid, uint32_t interface_id) {
 // Writes a row as a setup answer would, with an APN.
 inline PdnInfo *put_row(const DataCallEntry &e, const char *apn = nullptr) {
     PdnInfo *row = update_pdn_info(&e, nullptr);
-    if (row != nullptr && apn != nullptr) strncpy(row->apn, apn, sizeof(row->apn));
+    if (row != nullptr && apn != nullptr) dm::testkit::copy_field(row->apn, apn);
     return row;
 }
 
@@ -43,7 +43,7 @@ inline SetupDataCallReq setup_req(const char *apn, uint32_t interface_id, uint8_
     SetupDataCallReq r;
     memset(&r, 0, sizeof(r));
     for (size_t i = 0; i < sizeof(r.requester); ++i) r.requester[i] = static_cast<uint8_t>(i);
-    strncpy(r.apn, apn, sizeof(r.apn));
+    dm::testkit::copy_field(r.apn, apn);
     r.interface_id = interface_id;
     r.assigned_rate_type = 3;
     r.sim_id = sim;
