@@ -1,0 +1,144 @@
+// The simulator: the data manager loaded by path into the threaded host
+// runtime, with its peers around it (the RIL proxy, the IMS managers, the
+// AT interface, the modem's AT manager, RB), driven step by step.
+#ifndef DMSIM_SIM_H
+#define DMSIM_SIM_H
+
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <cstdio>
+#include <functional>
+#include <initializer_list>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "evfw_host/runtime.h"
+#include "tools/dmsim/scenario.h"
+
+namespace dmsim {
+
+// Exit statuses of dmsim.
+enum Exit : int {
+    kExitPass = 0,   // every expectation held
+    kExitFail = 1,   // an expectation failed
+    kExitUsage = 2,  // bad command line or scenario
+    kExitEnv = 3,    // the environment: library not loadable, no network namespace, ...
+};
+
+struct Options {
+    std::string lib;
+    bool log = false;                  // print the library's log lines (logcat style)
+    std::string trace_path;            // write the event trace there
+    std::string diagram_path;          // write a Mermaid sequence diagram there
+    bool netns = false;                // run inside a private network namespace
+    int unprivileged_exit = kExitEnv;  // status when --netns lacks the privileges
+    std::chrono::milliseconds settle{30000};
+};
+
+// The scripted RIL proxy: which requests it answers and how.
+struct RilScript {
+    bool enabled = false;
+    struct Rule {
+        bool ignore = false;
+        uint32_t reply_id = 0;
+        Payload payload;
+    };
+    std::map<uint32_t, Rule> rules;  // by request id; overrides the built-in answers
+    std::vector<std::pair<int32_t, Payload>> answers;  // setup answer fields, by interface
+};
+
+class Sim {
+  public:
+    Sim(const Options &options, FILE *out);
+    ~Sim();
+    Sim(const Sim &) = delete;
+    Sim &operator=(const Sim &) = delete;
+
+    // Loads the library and creates the peers; false with the reason.
+    bool start(const std::vector<std::string> &clients, std::string &error);
+    // Waits until every task and peer is idle; false on time-out (reported).
+    bool settle();
+    // Unloads the library and writes the trace and the diagram files.
+    // False when a file cannot be written (reported).
+    bool finish();
+
+    evfw_host::Runtime &rt() { return rt_; }
+    evfw_host::Peer &task(uint32_t task_id);
+    evfw_host::Peer &client(const std::string &name);
+    evfw_host::Peer &peer(const PeerRef &ref);
+
+    // ---- actions ----
+    void announce(evfw_host::Peer &from, const std::string &name);
+    void at_line(const std::string &line);  // a carriage return is added
+    void at_register(const std::string &name);
+    // Plays a modem URC line to every task subscribed to it; the number of
+    // subscribers.
+    size_t urc(const std::string &line);
+    void script(const std::function<void(RilScript &)> &change);
+
+    // ---- observation ----
+    // Trace entries and log lines not printed yet.
+    std::vector<evfw_host::TraceEntry> new_trace();
+    std::vector<evfw_host::LogLine> new_logs();
+    void print_entry(const evfw_host::TraceEntry &e, FILE *out) const;
+    void print_logs(FILE *out);
+
+    // ---- expectations: each consumes what it matched ----
+    // An empty `why` means it held.
+    std::string expect(const Step &s);
+    std::string expect_none(const Step &s);
+    std::string expect_at_text(uint32_t task_id, std::initializer_list<uint32_t> ids,
+                               const std::string &text);
+    std::string expect_log(const std::string &text, int count);
+
+  private:
+    void on_ril(evfw_host::Peer &self, const evfw_host::Received &in);
+    bool from_at_client(size_t delivery);
+    std::vector<uint8_t> setup_answer(const evfw_host::Received &in);
+    void deliver_to_at_client(uint32_t answer_id, std::vector<uint8_t> &answer,
+                              evfw_event_t *request);
+    bool wait_for_init();
+    std::vector<evfw_host::TraceEntry> unconsumed(uint32_t to, uint32_t event_id);
+    std::string describe(const evfw_host::TraceEntry &e) const;
+
+    Options opt_;
+    FILE *out_;
+    evfw_host::Runtime &rt_;
+    bool loaded_ = false;
+    std::map<uint32_t, evfw_host::Peer *> tasks_;
+    evfw_host::Peer *ril_ = nullptr;  // set at start, read by the RIL proxy's thread
+    std::map<std::string, evfw_host::Peer *> clients_;
+
+    std::mutex script_mu_;
+    RilScript script_;
+    std::atomic<size_t> ril_deliveries_{0};
+    std::atomic<uint32_t> at_chnl_{0};
+
+    // The library's AT client reply entry points, for answers to requests
+    // that the AT command interface made (see deliver_to_at_client).
+    using DatiResp = int32_t (*)(void *, evfw_event_t *);
+    DatiResp dati_setup_ = nullptr;
+    DatiResp dati_fail_ = nullptr;
+    DatiResp dati_radio_power_ = nullptr;
+    DatiResp dati_allow_data_ = nullptr;
+
+    uint64_t printed_seq_ = 0;
+    size_t printed_logs_ = 0;
+    std::set<uint64_t> consumed_;
+};
+
+// Runs one parsed scenario; the exit status.
+int run_scenario(const Scenario &sc, const Options &options, FILE *out);
+
+// Writes the run's message flow as a Mermaid sequence diagram.
+bool write_diagram(const std::vector<evfw_host::TraceEntry> &trace, const std::string &title,
+                   const std::string &path, std::string &error);
+
+}  // namespace dmsim
+
+#endif  // DMSIM_SIM_H
