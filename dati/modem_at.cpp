@@ -243,15 +243,27 @@ int32_t default_urc_cgev(char *text, uint32_t kind, uint32_t sim, evfw_event_t *
     return 0;
 }
 
-int32_t default_urc_cgev_nw_deact(char *text, uint32_t, uint32_t sim, evfw_event_t *event) {
+namespace {
+
+// The CID of a deactivation URC: the number after the first blank that
+// follows "DEACT" (+CGEV: NW PDN DEACT <cid>).  false when there is none.
+bool deact_cid(const char *op, char *text, int32_t *cid) {
     const char *deact = text != nullptr ? strstr(text, "DEACT") : nullptr;
-    if (deact == nullptr) return -1;
+    if (deact == nullptr) return false;
     const char *blank = strchr(deact, ' ');
     if (blank == nullptr) {
-        DM_LOGE("%s no cid in URC %s", __func__, text);
-        return -1;
+        DM_LOGE_AS(op, "%s no cid in URC %s", op, text);
+        return false;
     }
-    int32_t cid = dati::value_of(blank + 1);
+    *cid = dati::value_of(blank + 1);
+    return true;
+}
+
+}  // namespace
+
+int32_t default_urc_cgev_nw_deact(char *text, uint32_t, uint32_t sim, evfw_event_t *event) {
+    int32_t cid;
+    if (!deact_cid(__func__, text, &cid)) return -1;
     PdnInfo *pdn = find_pdn_info_by_cid(cid);
     if (pdn == nullptr) {
         DM_LOGE("%s cid %d pdn not found", __func__, cid);
@@ -273,14 +285,8 @@ int32_t default_urc_cgev_nw_deact(char *text, uint32_t, uint32_t sim, evfw_event
 }
 
 int32_t default_urc_cgev_me_deact(char *text, uint32_t, uint32_t sim, evfw_event_t *event) {
-    const char *deact = text != nullptr ? strstr(text, "DEACT") : nullptr;
-    if (deact == nullptr) return -1;
-    const char *blank = strchr(deact, ' ');
-    if (blank == nullptr) {
-        DM_LOGE("%s no cid in URC %s", __func__, text);
-        return -1;
-    }
-    int32_t cid = dati::value_of(blank + 1);
+    int32_t cid;
+    if (!deact_cid(__func__, text, &cid)) return -1;
     PdnInfo *pdn = find_pdn_info_by_cid(cid);
     if (pdn == nullptr) return 0;
     deact_ind_to_rb(__func__, pdn->interface_id, sim, event);
