@@ -68,9 +68,13 @@ void subscribe_urc(evfw_task_t *task, const char *prefix, int32_t flag, uint32_t
 
 }  // namespace
 
-DatamngrEntity *dm_entity() { return g_entity; }
+DatamngrEntity *dm_entity() {
+    return g_entity;
+}
 
-void datamngr_state_reset() { g_entity = nullptr; }
+void datamngr_state_reset() {
+    g_entity = nullptr;
+}
 
 void dm_release_current_event(evfw_event_t *event) {
     if (g_entity != nullptr && g_entity->cur_event == event) g_entity->cur_event = nullptr;
@@ -171,7 +175,9 @@ int32_t dm_register_urc(evfw_task_t *task, uint32_t event_id) {
     return 0;
 }
 
-int32_t dm_get_default_urc_num(void) { return static_cast<int32_t>(kDefaultUrcTable.size()); }
+int32_t dm_get_default_urc_num(void) {
+    return static_cast<int32_t>(kDefaultUrcTable.size());
+}
 
 int32_t dm_get_default_urc_prefix(int32_t index, char *prefix_out, int32_t *flag_out) {
     if (index < 0 || index >= dm_get_default_urc_num()) return -1;

@@ -24,7 +24,7 @@ struct DatamngrEntity {
     evfw_task_t main_task;  // 402: everything received arrives here, everything sent leaves here
     evfw_task_t aux_task;   // 404
     evfw_task_t dati_task;  // 403: the AT command interface
-    evfw_event_t *cur_atcmd_event;  // the held reply of the AT command being handled
+    evfw_event_t *cur_atcmd_event;            // the held reply of the AT command being handled
     AtPdpContext at_pdp_ctx[kAtPdpContexts];  // under `lock`
     evfw_mutex_t lock;
     evfw_event_t *cur_event;  // the event being dispatched; null when a handler took it

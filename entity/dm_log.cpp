@@ -18,7 +18,9 @@ constexpr int kTagUnboundElsewhere = 1;
 
 std::array<int, static_cast<size_t>(Module::Count)> g_tag_index = {-1, -1, -1, -1};
 
-bool in_daemon() { return getpid() == rvn_pid; }
+bool in_daemon() {
+    return getpid() == rvn_pid;
+}
 
 }  // namespace
 
@@ -28,8 +30,12 @@ const char *tag(Module module) {
     return android_log_tag[index];
 }
 
-void bind_tags() { g_tag_index.fill(in_daemon() ? kTagDaemon : kTagElsewhere); }
+void bind_tags() {
+    g_tag_index.fill(in_daemon() ? kTagDaemon : kTagElsewhere);
+}
 
-void unbind_tags() { g_tag_index.fill(-1); }
+void unbind_tags() {
+    g_tag_index.fill(-1);
+}
 
 }  // namespace dm::log

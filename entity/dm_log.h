@@ -43,33 +43,41 @@ void unbind_tags();
 
 }  // namespace dm::log
 
-#define DM_LOG_AT_(lv, fn, hdr, fmt, ...)                                                 \
-    do {                                                                                  \
-        if (__android_log_print(android_log_prio[(lv)], dm::log::tag(kLogModule),         \
-                                " (%24.24s, %4d) " hdr fmt, (fn),                         \
-                                __LINE__ __VA_OPT__(, ) __VA_ARGS__) >= 0) {              \
-            fflush(stdout);                                                               \
-        }                                                                                 \
+#define DM_LOG_AT_(lv, fn, hdr, fmt, ...)                                         \
+    do {                                                                          \
+        if (__android_log_print(android_log_prio[(lv)], dm::log::tag(kLogModule), \
+                                " (%24.24s, %4d) " hdr fmt, (fn),                 \
+                                __LINE__ __VA_OPT__(, ) __VA_ARGS__) >= 0) {      \
+            fflush(stdout);                                                       \
+        }                                                                         \
     } while (0)
 
-#define DM_LOG_(lv, fn, word, fmt, ...)                                                  \
-    do {                                                                                 \
-        if (dm_debug_lv & (lv)) {                                                        \
-            DM_LOG_AT_(lv, fn, "[" word "] ", fmt __VA_OPT__(, ) __VA_ARGS__);           \
-        }                                                                                \
+#define DM_LOG_(lv, fn, word, fmt, ...)                                        \
+    do {                                                                       \
+        if (dm_debug_lv & (lv)) {                                              \
+            DM_LOG_AT_(lv, fn, "[" word "] ", fmt __VA_OPT__(, ) __VA_ARGS__); \
+        }                                                                      \
     } while (0)
 
-#define DM_LOGE(fmt, ...) DM_LOG_(dm::log::kErr, __func__, "DMGR-ERR", fmt __VA_OPT__(, ) __VA_ARGS__)
-#define DM_LOGW(fmt, ...) DM_LOG_(dm::log::kWar, __func__, "DMGR-WAR", fmt __VA_OPT__(, ) __VA_ARGS__)
-#define DM_LOGI(fmt, ...) DM_LOG_(dm::log::kInf, __func__, "DMGR-INF", fmt __VA_OPT__(, ) __VA_ARGS__)
-#define DM_LOGD(fmt, ...) DM_LOG_(dm::log::kDbg, __func__, "DMGR-DBG", fmt __VA_OPT__(, ) __VA_ARGS__)
+#define DM_LOGE(fmt, ...) \
+    DM_LOG_(dm::log::kErr, __func__, "DMGR-ERR", fmt __VA_OPT__(, ) __VA_ARGS__)
+#define DM_LOGW(fmt, ...) \
+    DM_LOG_(dm::log::kWar, __func__, "DMGR-WAR", fmt __VA_OPT__(, ) __VA_ARGS__)
+#define DM_LOGI(fmt, ...) \
+    DM_LOG_(dm::log::kInf, __func__, "DMGR-INF", fmt __VA_OPT__(, ) __VA_ARGS__)
+#define DM_LOGD(fmt, ...) \
+    DM_LOG_(dm::log::kDbg, __func__, "DMGR-DBG", fmt __VA_OPT__(, ) __VA_ARGS__)
 
 // For helpers that report on behalf of the operation that called them: the
 // line carries `fn`, the operation's name, instead of the helper's.
-#define DM_LOGE_AS(fn, fmt, ...) DM_LOG_(dm::log::kErr, fn, "DMGR-ERR", fmt __VA_OPT__(, ) __VA_ARGS__)
-#define DM_LOGW_AS(fn, fmt, ...) DM_LOG_(dm::log::kWar, fn, "DMGR-WAR", fmt __VA_OPT__(, ) __VA_ARGS__)
-#define DM_LOGI_AS(fn, fmt, ...) DM_LOG_(dm::log::kInf, fn, "DMGR-INF", fmt __VA_OPT__(, ) __VA_ARGS__)
-#define DM_LOGD_AS(fn, fmt, ...) DM_LOG_(dm::log::kDbg, fn, "DMGR-DBG", fmt __VA_OPT__(, ) __VA_ARGS__)
+#define DM_LOGE_AS(fn, fmt, ...) \
+    DM_LOG_(dm::log::kErr, fn, "DMGR-ERR", fmt __VA_OPT__(, ) __VA_ARGS__)
+#define DM_LOGW_AS(fn, fmt, ...) \
+    DM_LOG_(dm::log::kWar, fn, "DMGR-WAR", fmt __VA_OPT__(, ) __VA_ARGS__)
+#define DM_LOGI_AS(fn, fmt, ...) \
+    DM_LOG_(dm::log::kInf, fn, "DMGR-INF", fmt __VA_OPT__(, ) __VA_ARGS__)
+#define DM_LOGD_AS(fn, fmt, ...) \
+    DM_LOG_(dm::log::kDbg, fn, "DMGR-DBG", fmt __VA_OPT__(, ) __VA_ARGS__)
 
 // The AT command interface's form: no level word, always written.
 #define DATI_LOGE(fmt, ...) DM_LOG_AT_(dm::log::kErr, __func__, "", fmt __VA_OPT__(, ) __VA_ARGS__)

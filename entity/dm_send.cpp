@@ -29,8 +29,8 @@ evfw_event_t *prepare(const char *caller, const void *data, uint32_t len,
     event_set_id(event, event_id);
     event_set_data(event, 0, data, len);
     DM_LOGI_AS(caller, "%s task %s(%d) %p, len %d, event prev id %s(%d), event id %s(%d)", caller,
-            context_get_name(task_id), task_id, data, len, event_get_name(prev_id), prev_id,
-            event_get_name(event_id), event_id);
+               context_get_name(task_id), task_id, data, len, event_get_name(prev_id), prev_id,
+               event_get_name(event_id), event_id);
     return event;
 }
 
@@ -50,8 +50,8 @@ int32_t dm_send_to_task(uint32_t task_id, const void *data, uint32_t len,
     if (event == nullptr) return -1;
     int32_t ret = evfw_task_send_event(&dm_entity()->main_task, event, task_id);
     if (ret < 0) {
-        DM_LOGE("%s send event task id %d event id %d to rild fail %d", __func__, task_id,
-                event_id, ret);
+        DM_LOGE("%s send event task id %d event id %d to rild fail %d", __func__, task_id, event_id,
+                ret);
     }
     return ret;
 }
@@ -64,8 +64,8 @@ int32_t dm_send_to_task_wait_for_event(uint32_t task_id, const void *data, uint3
     int32_t ret = evfw_task_send_recv_event(&dm_entity()->main_task, event, task_id,
                                             rx_cond_event_id, &wait_event_id, kAwaitedIdLen);
     if (ret < 0) {
-        DM_LOGE("%s send event task id %d event id %d to rild fail %d", __func__, task_id,
-                event_id, ret);
+        DM_LOGE("%s send event task id %d event id %d to rild fail %d", __func__, task_id, event_id,
+                ret);
     }
     return ret;
 }

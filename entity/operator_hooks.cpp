@@ -4,6 +4,10 @@ namespace {
 const OperatorHooks *g_hooks = nullptr;
 }
 
-const OperatorHooks *dm_get_operator_hooks() { return g_hooks; }
+const OperatorHooks *dm_get_operator_hooks() {
+    return g_hooks;
+}
 
-void dm_set_operator_hooks(const OperatorHooks *hooks) { g_hooks = hooks; }
+void dm_set_operator_hooks(const OperatorHooks *hooks) {
+    g_hooks = hooks;
+}

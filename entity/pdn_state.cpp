@@ -15,7 +15,9 @@ constexpr uint32_t kImsPdnId = 4;
 constexpr uint32_t kEmergencyPdnId = 5;
 std::array<uint32_t, 6> g_pdn_state = {0, 0, 0, 0, kPdnStateInitial, kPdnStateInitial};
 
-bool is_kept(uint32_t pdn_id) { return pdn_id == kImsPdnId || pdn_id == kEmergencyPdnId; }
+bool is_kept(uint32_t pdn_id) {
+    return pdn_id == kImsPdnId || pdn_id == kEmergencyPdnId;
+}
 
 }  // namespace
 

@@ -60,16 +60,24 @@ const TaskInfo *task_info_row(int index) {
     return index >= 0 && index < kTaskInfoRows ? &g_task_info[index] : nullptr;
 }
 
-int dm_pending_count() { return g_pending_count; }
+int dm_pending_count() {
+    return g_pending_count;
+}
 
-bool dm_rild_ready() { return g_rild_ready != 0; }
+bool dm_rild_ready() {
+    return g_rild_ready != 0;
+}
 
 const char *dm_imsm_name(int32_t sim_id) {
     switch (sim_id) {
-        case 1: return "imsm_1";
-        case 2: return "imsm_2";
-        case 3: return "imsm_3";
-        default: return "imsm_0";
+        case 1:
+            return "imsm_1";
+        case 2:
+            return "imsm_2";
+        case 3:
+            return "imsm_3";
+        default:
+            return "imsm_0";
     }
 }
 

@@ -11,7 +11,7 @@ namespace {
 using dm::testkit::Harness;
 
 class DispatcherTest : public ::testing::Test {
-protected:
+  protected:
     void TearDown() override {
         EXPECT_EQ(h.stray_events(), expected_strays);
         EXPECT_EQ(h.rt().bad_frees(), 0);
@@ -59,7 +59,8 @@ TEST_F(DispatcherTest, UnknownIdWithoutDataIsAnInvalidRequestCode) {
     auto unknown = h.logs_containing("an unknown event");
     ASSERT_EQ(unknown.size(), 1u);
     EXPECT_NE(unknown[0].find("[DMGR-ERR] datamngr_main_hdl an unknown event"), std::string::npos);
-    EXPECT_TRUE(h.logged("[DMGR-WAR] datamngr_main_hdl(): Invalid request code UNKNOWN_EVENT(5000)!!"));
+    EXPECT_TRUE(
+            h.logged("[DMGR-WAR] datamngr_main_hdl(): Invalid request code UNKNOWN_EVENT(5000)!!"));
 }
 
 struct QuietCase {
@@ -157,9 +158,9 @@ TEST_F(DispatcherTest, NullArgumentsAreRefusedWithoutTouchingTheEvent) {
 TEST(DispatcherTable, KnowsTheLengthOfEveryServedId) {
     struct Row {
         uint32_t id, len;
-    } rows[] = {{3002, 552},  {3004, 4120}, {3006, 4108},  {4002, 132},   {4004, 47876},
-                {4020, 47880}, {4030, 528}, {4047, 136},   {4051, 47876}, {9318, 6},
-                {9316, 12},   {4060, 136},  {4062, 47876}, {4016, 268}};
+    } rows[] = {{3002, 552},   {3004, 4120}, {3006, 4108},  {4002, 132},   {4004, 47876},
+                {4020, 47880}, {4030, 528},  {4047, 136},   {4051, 47876}, {9318, 6},
+                {9316, 12},    {4060, 136},  {4062, 47876}, {4016, 268}};
     for (const Row &r : rows) {
         bool known = false;
         EXPECT_EQ(dm_expected_length(r.id, &known), r.len) << r.id;

@@ -16,7 +16,7 @@ using evfw_host::EntityAbi;
 using evfw_host::Runtime;
 
 class LifecycleTest : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override {
         dm::testkit::reset_library_state();
         rt.reset();

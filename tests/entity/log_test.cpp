@@ -13,20 +13,35 @@ using dm::testkit::dati_log_text;
 using dm::testkit::log_text;
 using evfw_host::Runtime;
 
-struct Logged {
-    int line;
-};
-
-// Each writer logs one line at a fixed level and returns the line number.
-int log_err() { DM_LOGE("%s cid %d\n", __func__, 7); return __LINE__; }
-int log_war() { DM_LOGW("plain %u", 3u); return __LINE__; }
-int log_inf() { DM_LOGI("info"); return __LINE__; }
-int log_dbg() { DM_LOGD("debug %s", "x"); return __LINE__; }
-int log_at() { DATI_LOGD("dati_cfun_assign_hdl(): %s = %s", "Fun", "1"); return __LINE__; }
-int a_function_name_longer_than_twenty_four() { DM_LOGI("cut"); return __LINE__; }
+// Each writer logs one line at a fixed level and returns the line it logged
+// from.
+int log_err() {
+    DM_LOGE("%s cid %d\n", __func__, 7);
+    return __LINE__ - 1;
+}
+int log_war() {
+    DM_LOGW("plain %u", 3u);
+    return __LINE__ - 1;
+}
+int log_inf() {
+    DM_LOGI("info");
+    return __LINE__ - 1;
+}
+int log_dbg() {
+    DM_LOGD("debug %s", "x");
+    return __LINE__ - 1;
+}
+int log_at() {
+    DATI_LOGD("dati_cfun_assign_hdl(): %s = %s", "Fun", "1");
+    return __LINE__ - 1;
+}
+int a_function_name_longer_than_twenty_four() {
+    DM_LOGI("cut");
+    return __LINE__ - 1;
+}
 
 class LogTest : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override {
         dm::testkit::reset_library_state();
         rt.reset();
@@ -111,7 +126,9 @@ TEST_F(LogTest, TagFollowsTheProcessAndTheBinding) {
         pid_t pid;
         bool bound;
         int index;
-    } cases[] = {{getpid(), false, 0}, {getpid() + 1, false, 1}, {getpid(), true, 2},
+    } cases[] = {{getpid(), false, 0},
+                 {getpid() + 1, false, 1},
+                 {getpid(), true, 2},
                  {getpid() + 1, true, 10}};
     for (const Case &c : cases) {
         rvn_pid = c.pid;

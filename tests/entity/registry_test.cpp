@@ -12,7 +12,7 @@ using dm::testkit::Harness;
 using dm::testkit::log_body;
 
 class RegistryTest : public ::testing::Test {
-protected:
+  protected:
     void TearDown() override { EXPECT_EQ(h.rt().bad_frees(), 0); }
     Harness h;
 };

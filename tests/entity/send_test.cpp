@@ -12,7 +12,7 @@ namespace {
 using dm::testkit::Harness;
 
 class SendTest : public ::testing::Test {
-protected:
+  protected:
     void TearDown() override { EXPECT_EQ(h.rt().bad_frees(), 0); }
     Harness h;
 };
@@ -31,8 +31,9 @@ TEST_F(SendTest, SendToTaskDerivesFromTheSourceAndLogsBothIds) {
     EXPECT_EQ(sent[0].data, std::vector<uint8_t>({1, 2, 3}));
     EXPECT_EQ(sent[0].ext_id, lan.id());
     EXPECT_TRUE(h.logged("dm_send_to_task task TASK_RB_SIM1(903) "));
-    EXPECT_TRUE(h.logged(", len 3, event prev id EVENT_DATAMNGR_BEAR_REQ(4041), event id "
-                         "EVENT_RB_HANDOVER_REQ(9318)"));
+    EXPECT_TRUE(
+            h.logged(", len 3, event prev id EVENT_DATAMNGR_BEAR_REQ(4041), event id "
+                     "EVENT_RB_HANDOVER_REQ(9318)"));
     evfw_event_free(source);
     EXPECT_EQ(h.stray_events(), 0);
 }
@@ -86,7 +87,7 @@ TEST_F(SendTest, RequestToSelfComesBackThroughTheDispatcher) {
 }
 
 class ExtSendTest : public SendTest {
-protected:
+  protected:
     // An event of the LAN manager's, made the one being dispatched, as the
     // dispatcher would.
     evfw_event_t *dispatching() {
@@ -177,7 +178,8 @@ TEST_F(SendTest, IndicationForAnUnannouncedManagerIsRefused) {
     h.rt().set_property("ro.qpx_multiple_ims_support", "0");
     uint32_t word = 0;
     EXPECT_EQ(dm_notify_to_imsm(&word, 4, 4021, 2), -1);
-    EXPECT_TRUE(h.logged("dm_notify_to_imsm can't find IMSM record for event id 4021 and sim id 2"));
+    EXPECT_TRUE(
+            h.logged("dm_notify_to_imsm can't find IMSM record for event id 4021 and sim id 2"));
 }
 
 }  // namespace
