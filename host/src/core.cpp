@@ -92,7 +92,7 @@ void Core::worker_loop(evfw_context *c) {
 // Stops and joins the context's thread; events still queued for it are
 // freed.  Afterwards sends to it are discarded at once.
 void Core::stop_worker(evfw_context *c) {
-    std::deque<Item> left;
+    ItemQueue left;
     {
         std::lock_guard lk(mu);
         c->stop = true;
@@ -117,14 +117,11 @@ std::unique_ptr<evfw_context> Core::remove_context_locked(uint32_t id) {
     contexts.erase(it);
     live_ctx.erase(c.get());
     // Deterministic mode: what is still queued for it can no longer arrive.
-    for (auto f = fifo.begin(); f != fifo.end();) {
-        if (f->to == id) {
-            evfw_event_free(f->ev);
-            f = fifo.erase(f);
-        } else {
-            ++f;
-        }
-    }
+    fifo.remove_if([id](const Item &item) {
+        if (item.to != id) return false;
+        evfw_event_free(item.ev);
+        return true;
+    });
     return c;
 }
 
@@ -216,6 +213,7 @@ void Core::set_peer_handler(evfw_context *c, PeerHandler handler) {
 // ---- sending ----------------------------------------------------------------------
 
 void Core::trace_send_locked(uint32_t from, uint32_t to, const evfw_event *ev, bool dropped) {
+    if (!trace_on.load(std::memory_order_relaxed)) return;
     TraceEntry e;
     e.from = from;
     e.to = to;
@@ -393,10 +391,10 @@ bool Core::waiting_locked(uint32_t task_id) const {
 
 // The first queued item not addressed to a task blocked in send-and-wait.
 bool Core::pop_deliverable_locked(Item &out) {
-    for (auto it = fifo.begin(); it != fifo.end(); ++it) {
-        if (!waiting_locked(it->to)) {
-            out = *it;
-            fifo.erase(it);
+    for (size_t i = 0; i < fifo.size(); ++i) {
+        if (!waiting_locked(fifo[i].to)) {
+            out = fifo[i];
+            fifo.erase(i);
             return true;
         }
     }
@@ -610,7 +608,7 @@ void Core::teardown() {
     for (evfw_context *c : all) stop_worker(c);
     unload();
     std::vector<std::unique_ptr<evfw_context>> rest;
-    std::deque<Item> queued;
+    ItemQueue queued;
     {
         std::lock_guard lk(mu);
         for (auto &[id, c] : contexts) rest.push_back(std::move(c));
@@ -663,6 +661,7 @@ void Core::reset(Mode m) {
         props_.clear();
     }
     wait_ms = 2000;
+    trace_on = true;
     trace_data = true;
     deliveries_ = 0;
     bad_unlocks_ = 0;

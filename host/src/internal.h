@@ -12,11 +12,11 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
-#include <deque>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <unordered_set>
 #include <vector>
@@ -109,6 +109,87 @@ struct Item {
     evfw_event *ev = nullptr;
 };
 
+// FIFO of deliveries in a ring that grows to the longest backlog seen and is
+// then reused, so that queueing and delivering an event allocate nothing once
+// the queue has warmed up (a std::deque takes and returns a block every few
+// dozen items).
+class ItemQueue {
+  public:
+    class const_iterator {
+      public:
+        const_iterator(const ItemQueue *q, size_t i) : q_(q), i_(i) {}
+        const Item &operator*() const { return (*q_)[i_]; }
+        const_iterator &operator++() {
+            ++i_;
+            return *this;
+        }
+        bool operator!=(const const_iterator &o) const { return i_ != o.i_; }
+
+      private:
+        const ItemQueue *q_;
+        size_t i_;
+    };
+
+    bool empty() const { return size_ == 0; }
+    size_t size() const { return size_; }
+    size_t capacity() const { return ring_.size(); }
+    // The i-th item from the front.
+    Item &operator[](size_t i) { return ring_[(head_ + i) & (ring_.size() - 1)]; }
+    const Item &operator[](size_t i) const { return ring_[(head_ + i) & (ring_.size() - 1)]; }
+    Item &front() { return (*this)[0]; }
+    const_iterator begin() const { return {this, 0}; }
+    const_iterator end() const { return {this, size_}; }
+
+    void push_back(const Item &item) {
+        if (size_ == ring_.size()) grow();
+        ++size_;
+        (*this)[size_ - 1] = item;
+    }
+    void pop_front() {
+        head_ = (head_ + 1) & (ring_.size() - 1);
+        --size_;
+    }
+    // Removes the i-th item; the others keep their order.
+    void erase(size_t i) {
+        if (i == 0) {
+            pop_front();
+            return;
+        }
+        for (size_t k = i; k + 1 < size_; ++k) (*this)[k] = (*this)[k + 1];
+        --size_;
+    }
+    // Removes the items `drop` accepts, after handing each to it; the others
+    // keep their order.
+    template <class Drop>
+    void remove_if(Drop drop) {
+        size_t kept = 0;
+        for (size_t i = 0; i < size_; ++i) {
+            Item item = (*this)[i];
+            if (!drop(item)) (*this)[kept++] = item;
+        }
+        size_ = kept;
+    }
+    void swap(ItemQueue &other) noexcept {
+        ring_.swap(other.ring_);
+        std::swap(head_, other.head_);
+        std::swap(size_, other.size_);
+    }
+
+  private:
+    static constexpr size_t kFirstCapacity = 64;  // a power of two, as every later size
+
+    void grow() {
+        std::vector<Item> bigger(ring_.empty() ? kFirstCapacity : ring_.size() * 2);
+        for (size_t i = 0; i < size_; ++i) bigger[i] = (*this)[i];
+        ring_.swap(bigger);
+        head_ = 0;
+    }
+
+    std::vector<Item> ring_;
+    size_t head_ = 0;
+    size_t size_ = 0;
+};
+
 }  // namespace evfw_host
 
 // ---- contexts -----------------------------------------------------------------
@@ -137,7 +218,7 @@ struct evfw_context {
     // Threaded mode: the context's own thread and queue.
     std::thread worker;
     std::condition_variable cv;
-    std::deque<evfw_host::Item> q;
+    evfw_host::ItemQueue q;
     bool has_worker = false;
     bool stop = false;
     bool busy = false;
@@ -220,6 +301,7 @@ class Core {
     // ---- configuration ----
     std::atomic<Mode> mode{Mode::Deterministic};
     std::atomic<int64_t> wait_ms{2000};
+    std::atomic<bool> trace_on{true};
     std::atomic<bool> trace_data{true};
     std::chrono::milliseconds wait_limit() const { return std::chrono::milliseconds(wait_ms); }
     bool threaded() const { return mode.load() == Mode::Threaded; }
@@ -285,7 +367,9 @@ class Core {
     // ---- properties ----
     void set_property(const std::string &key, const std::string &value);
     void clear_property(const std::string &key);
-    bool get_property(const std::string &key, std::string &value) const;
+    // Copies the value of `key` into `out` (at most out_len - 1 bytes and a
+    // NUL) without allocating; false when the key is not set.
+    bool get_property(std::string_view key, char *out, size_t out_len) const;
     bool load_properties(const std::string &path);
 
     long bad_unlocks() const { return bad_unlocks_.load(); }
@@ -325,7 +409,7 @@ class Core {
     std::vector<std::unique_ptr<evfw_context>> graveyard;  // retired from their own thread
     std::vector<std::unique_ptr<PeerImpl>> peers;
     std::vector<std::unique_ptr<Entity>> entities;
-    std::deque<Item> fifo;                       // deterministic mode
+    ItemQueue fifo;                              // deterministic mode
     std::vector<uint32_t> waiting;               // deterministic send-and-wait, innermost last
     std::vector<Waiter *> waiters;               // threaded send-and-wait
     std::vector<PendingThread> pending_threads;  // deterministic

@@ -1,5 +1,6 @@
 // System properties: property_get with Android's semantics over a store the
 // runtime's API fills.
+#include <algorithm>
 #include <cstring>
 #include <fstream>
 
@@ -39,11 +40,13 @@ void Core::clear_property(const std::string &key) {
     props_.erase(key);
 }
 
-bool Core::get_property(const std::string &key, std::string &value) const {
+bool Core::get_property(std::string_view key, char *out, size_t out_len) const {
     std::lock_guard lk(prop_mu);
     auto it = props_.find(key);
-    if (it == props_.end()) return false;
-    value = it->second;
+    if (it == props_.end() || out_len == 0) return false;
+    const size_t n = std::min(it->second.size(), out_len - 1);
+    memcpy(out, it->second.data(), n);
+    out[n] = '\0';
     return true;
 }
 
@@ -76,11 +79,14 @@ bool Core::load_properties(const std::string &path) {
 
 extern "C" int property_get(const char *key, char *value, const char *default_value) {
     if (value == nullptr) return -1;
-    std::string found;
+    // Read straight into the caller's buffer, without a heap copy: the data
+    // manager reads properties on its event paths.
+    char found[PROPERTY_VALUE_MAX];
     const char *src = default_value != nullptr ? default_value : "";
     // As on Android, a property set to the empty string reads as unset.
-    if (key != nullptr && evfw_host::core().get_property(key, found) && !found.empty()) {
-        src = found.c_str();
+    if (key != nullptr && evfw_host::core().get_property(key, found, sizeof found) &&
+        found[0] != '\0') {
+        src = found;
     }
     const size_t n = strnlen(src, PROPERTY_VALUE_MAX - 1);
     memcpy(value, src, n);

@@ -110,6 +110,9 @@ std::vector<TraceEntry> Runtime::trace() const {
 void Runtime::clear_trace() {
     impl_->core.clear_trace();
 }
+void Runtime::set_trace(bool on) {
+    impl_->core.trace_on = on;
+}
 void Runtime::set_trace_data(bool keep_bytes) {
     impl_->core.trace_data = keep_bytes;
 }

@@ -143,7 +143,10 @@ public:
     evfw_entity_t *load(const std::string &name, const EntityAbi &abi);
     // dlopen()s the shared object and resolves init, exit and the named
     // context handlers by symbol, as the daemon does.  nullptr (and a reason
-    // in last_error()) when the object or a symbol is missing.
+    // in last_error()) when the object or a symbol is missing.  With
+    // EVFW_HOST_KEEP_LOADED=1 in the environment the object stays mapped
+    // until the process ends (for leak checkers; a second load then finds
+    // its static state as the first left it).
     evfw_entity_t *load_library(const std::string &path, const std::string &name,
                                 const std::string &init_sym, const std::string &exit_sym,
                                 const std::vector<std::pair<uint32_t, std::string>> &ctx_syms);
@@ -188,6 +191,11 @@ public:
     // ---- observation ----
     std::vector<TraceEntry> trace() const;
     void clear_trace();
+    // Off: sends are not recorded at all (no entry, no bytes), so that a long
+    // run (a benchmark, a soak) keeps no state per event.  trace(), sent_to()
+    // and Peer::received() then miss what is sent meanwhile.  reset() turns
+    // it back on.
+    void set_trace(bool on);
     void set_trace_data(bool keep_bytes);
     void print_trace(FILE *out) const;
 
