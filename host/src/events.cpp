@@ -60,6 +60,55 @@ void EventStore::drain_pool() {
         delete list;
         list = next;
     }
+    std::lock_guard lk(mu_);
+    for (BufferClass &c : classes_) {
+        while (c.count > 0) free(c.bufs[--c.count]);
+    }
+}
+
+namespace {
+
+// Size class of a buffer capacity (a power of two from 64 B); -1 when the
+// capacity is not one the stash keeps.
+int buffer_class(size_t cap) {
+    int k = 0;
+    for (size_t size = 64; size <= kPoolKeepBuffer; size *= 2, ++k) {
+        if (size == cap) return k;
+    }
+    return -1;
+}
+
+}  // namespace
+
+bool EventStore::take_buffer(size_t need, uint8_t **buf, size_t *cap) {
+    if (!pooling()) return false;
+    size_t size = kMinBuffer;
+    int k = 0;
+    while (size < need && size <= kPoolKeepBuffer) {
+        size *= 2;
+        ++k;
+    }
+    if (size > kPoolKeepBuffer) return false;
+    std::lock_guard lk(mu_);
+    BufferClass &c = classes_[k];
+    if (c.count == 0) return false;
+    *buf = c.bufs[--c.count];
+    *cap = size;
+    return true;
+}
+
+void EventStore::give_buffer(uint8_t *buf, size_t cap) {
+    if (buf == nullptr) return;
+    int k = pooling() ? buffer_class(cap) : -1;
+    if (k >= 0) {
+        std::lock_guard lk(mu_);
+        BufferClass &c = classes_[k];
+        if (c.count < kBuffersPerClass) {
+            c.bufs[c.count++] = buf;
+            return;
+        }
+    }
+    free(buf);
 }
 
 evfw_event *EventStore::alloc() {
@@ -105,12 +154,12 @@ void EventStore::release(evfw_event *ev) {
         delete ev;
         return;
     }
-    if (ev->cap > kPoolKeepBuffer) {
-        free(ev->buf);
-        ev->buf = nullptr;
-        ev->cap = 0;
-    }
+    uint8_t *buf = ev->buf;
+    size_t cap = ev->cap;
+    ev->buf = nullptr;
+    ev->cap = 0;
     ev->len = 0;
+    give_buffer(buf, cap);
     ev->next = nullptr;
     std::lock_guard lk(mu_);
     if (tail_ != nullptr) {
@@ -191,14 +240,18 @@ evfw_event_t *event_set_data(evfw_event_t *event, size_t offset, const void *dat
     const size_t end = offset + len;
     if (end > event->cap) {
         // A fresh block rather than realloc: `data` may point into the old one.
-        size_t cap = event->cap < 64 ? 64 : event->cap;
-        while (cap < end) cap = cap > SIZE_MAX / 2 ? end : cap * 2;
-        auto *buf = static_cast<uint8_t *>(malloc(cap));
-        if (buf == nullptr) return nullptr;
+        uint8_t *buf = nullptr;
+        size_t cap = 0;
+        if (!g_store.take_buffer(end, &buf, &cap)) {
+            cap = event->cap < 64 ? 64 : event->cap;
+            while (cap < end) cap = cap > SIZE_MAX / 2 ? end : cap * 2;
+            buf = static_cast<uint8_t *>(malloc(cap));
+            if (buf == nullptr) return nullptr;
+        }
         const size_t keep = offset < event->len ? offset : event->len;
         if (keep != 0) memcpy(buf, event->buf, keep);
         if (len != 0) memcpy(buf + offset, data, len);
-        free(event->buf);
+        g_store.give_buffer(event->buf, event->cap);
         event->buf = buf;
         event->cap = cap;
     } else if (len != 0) {

@@ -71,9 +71,26 @@ class EventStore {
     uint64_t freed() const { return freed_.load(); }
     long bad_frees() const { return bad_frees_.load(); }
 
+    // Buffers of freed events wait here by size class (powers of two up to
+    // kPoolKeepBuffer), apart from the events, so that an event that never
+    // gets data holds none: one kept past its run pins only its own struct.
+    // A buffer of at least `need` bytes, or false when none is stashed.
+    bool take_buffer(size_t need, uint8_t **buf, size_t *cap);
+    // Stashes a buffer, or frees it when its class is full or pooling is off.
+    void give_buffer(uint8_t *buf, size_t cap);
+
   private:
     bool pooling();
     void drain_pool();
+
+    static constexpr size_t kMinBuffer = 64;
+    static constexpr int kBufferClasses = 11;  // 64 B .. 64 KiB
+    static constexpr int kBuffersPerClass = 512;
+    struct BufferClass {
+        uint8_t *bufs[kBuffersPerClass] = {};
+        int count = 0;
+    };
+    BufferClass classes_[kBufferClasses] = {};
 
     std::mutex mu_;
     evfw_event *head_ = nullptr;    // oldest freed event: reused first, so a

@@ -2,6 +2,7 @@
 // names.
 #include <cstdlib>
 
+#include "host/src/internal.h"
 #include "host_test_util.h"
 
 namespace host_test {
@@ -55,6 +56,27 @@ TEST_F(RuntimeEvents, SetDataReusesTheBlockAndAcceptsItsOwnBytes) {
 bool pool_disabled() {
     const char *env = getenv("EVFW_HOST_POOL");
     return env != nullptr && strcmp(env, "0") == 0;
+}
+
+// A recycled event comes without the buffer of its last use: an event that
+// never gets data, such as a kept announcement, pins no large block, while a
+// later event of the same size class reuses that block.
+TEST_F(RuntimeEvents, RecycledEventsLeaveTheirBuffersToLaterData) {
+    if (pool_disabled()) GTEST_SKIP() << "without the pool nothing is recycled";
+    std::vector<uint8_t> big(47876, 0x5a);
+    evfw_event_t *first = evfw_event_alloc(nullptr);
+    ASSERT_EQ(event_set_data(first, 0, big.data(), big.size()), first);
+    const uint8_t *block = first->buf;
+    evfw_event_free(first);
+
+    evfw_event_t *bare = evfw_event_alloc(nullptr);
+    EXPECT_EQ(bare->buf, nullptr);
+    EXPECT_EQ(bare->cap, 0u);
+    evfw_event_t *sized = evfw_event_alloc(nullptr);
+    ASSERT_EQ(event_set_data(sized, 0, big.data(), 40000), sized);
+    EXPECT_EQ(sized->buf, block) << "the stashed block of the same size class is reused";
+    evfw_event_free(bare);
+    evfw_event_free(sized);
 }
 
 TEST_F(RuntimeEvents, EachEventIsCountedUntilFreedOnceAndASecondFreeIsCaught) {

@@ -148,6 +148,48 @@ TEST_F(DmsimTest, SeveralScenariosRunApartAndTheWorstStatusWins) {
             << diagram;
 }
 
+TEST_F(DmsimTest, RepeatRunsTheScenarioAgainInTheSameProcessShowingTheFirstRunOnly) {
+    const std::string path = write("ok.scn", kPdnState);
+    Result r = dmsim("--trace " + dir_ + "/t.txt run --repeat 3 " + path);
+    EXPECT_EQ(r.status, 0) << r.out << r.err;
+    auto count = [&](const std::string &what) {
+        size_t n = 0;
+        for (size_t at = r.out.find(what); at != std::string::npos; at = r.out.find(what, at + 1))
+            ++n;
+        return n;
+    };
+    EXPECT_EQ(count("PASS " + path + ":4"), 1u) << r.out;
+    EXPECT_EQ(count(" runs: resident "), 1u) << r.out;
+    EXPECT_NE(r.out.find("== " + path + ": PASS (1 expectations)\n   3 runs: resident "),
+              std::string::npos)
+            << r.out;
+    EXPECT_NE(r.out.find(" KiB, peak "), std::string::npos);
+    EXPECT_NE(r.out.find("== " + path + ": PASS (3 runs)\n"), std::string::npos) << r.out;
+    // The trace file holds the first run.
+    EXPECT_EQ(read(dir_ + "/t.txt").find("lanmngr(65536) -> TASK_DATAMNGR(402)"), 5u);
+}
+
+TEST_F(DmsimTest, RepeatStopsAtTheFailingRunAndNamesIt) {
+    const std::string path = write("bad.scn", std::string(kPdnState) + "expect lanmngr 4059\n");
+    Result r = dmsim("run --repeat 5 " + path);
+    EXPECT_EQ(r.status, 1) << r.out << r.err;
+    EXPECT_NE(r.out.find("FAIL " + path + ":5"), std::string::npos) << r.out;
+    EXPECT_NE(r.out.find("== " + path + ": repetition 1 of 5 failed\n"), std::string::npos)
+            << r.out;
+    EXPECT_EQ(r.out.find("== " + path + ":", r.out.find("repetition 1 of 5") + 1),
+              std::string::npos)
+            << "no further run: " << r.out;
+    EXPECT_EQ(r.out.find(" runs: resident "), std::string::npos);
+}
+
+TEST_F(DmsimTest, RepeatIsRefusedWhereItCannotApply) {
+    const std::string ok = write("ok.scn", kPdnState);
+    EXPECT_EQ(dmsim("run --repeat 0 " + ok).status, 2);
+    EXPECT_EQ(dmsim("run --repeat 2x " + ok).status, 2);
+    EXPECT_EQ(dmsim("run --repeat 2 " + ok + " " + ok).status, 2);
+    EXPECT_EQ(dmsim("--repeat 2 at").status, 2);
+}
+
 TEST_F(DmsimTest, LogOptionPrintsTheLibrarysLinesLogcatStyle) {
     Result r = dmsim("--log run " + write("ok.scn", kPdnState));
     EXPECT_EQ(r.status, 0);

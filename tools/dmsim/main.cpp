@@ -5,6 +5,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -27,7 +28,7 @@ namespace {
 using namespace dmsim;
 
 constexpr const char *kUsage =
-        "usage: dmsim [options] run [--netns] SCENARIO...\n"
+        "usage: dmsim [options] run [--netns] [--repeat N] SCENARIO...\n"
         "       dmsim [options] at\n"
         "       dmsim records [RECORD]\n"
         "       dmsim --help\n";
@@ -63,6 +64,14 @@ options:
   --unprivileged-exit N
                    exit status when --netns lacks the privileges (default 3;
                    the CTest registration uses 77, CTest's "skipped")
+  --repeat N       (run, one scenario) runs the scenario N times in this
+                   process, each time with a fresh runtime and the library
+                   loaded anew (--netns: one namespace for all of them).  Only
+                   the first run is shown (and written to --trace and
+                   --diagram); a later run is shown only when it fails, and
+                   then the repetitions stop.  After every 1000 runs and at
+                   the end a line gives the process's resident size and its
+                   peak (VmRSS and VmHWM of /proc/self/status), in KiB
   -h, --help       this text
 With several scenarios each runs in a process of its own, and the names given
 to --trace and --diagram get "-<scenario>" before their extension.
@@ -98,6 +107,7 @@ cannot be written).
 
 struct Args {
     Options opt;
+    int repeat = 1;
     std::string command;
     std::vector<std::string> operands;
 };
@@ -120,7 +130,65 @@ std::string per_scenario(const std::string &file, const std::string &scenario) {
     return file.substr(0, dot) + "-" + stem + file.substr(dot);
 }
 
-int run_file(const std::string &path, const Options &opt) {
+// The process's resident size and its peak (VmRSS and VmHWM of
+// /proc/self/status), in KiB; -1 when not found.
+struct Resident {
+    long rss = -1;
+    long hwm = -1;
+};
+Resident resident() {
+    Resident r;
+    FILE *f = std::fopen("/proc/self/status", "r");
+    if (f == nullptr) return r;
+    char line[256];
+    while (std::fgets(line, sizeof(line), f) != nullptr) {
+        std::sscanf(line, "VmRSS: %ld", &r.rss);
+        std::sscanf(line, "VmHWM: %ld", &r.hwm);
+    }
+    std::fclose(f);
+    return r;
+}
+
+// Runs the scenario `repeat` times, each time as a run of its own (a fresh
+// runtime, the library loaded and unloaded again), so that the resident size
+// tells whether a run leaves anything behind.  Later runs write into a buffer
+// that is shown only when the run fails.
+int repeat_scenario(const Scenario &sc, const Options &opt, int repeat) {
+    Options quiet = opt;
+    quiet.trace_path.clear();
+    quiet.diagram_path.clear();
+    for (int n = 1; n <= repeat; ++n) {
+        int rc = kExitPass;
+        if (n == 1) {
+            rc = run_scenario(sc, opt, stdout);
+        } else {
+            char *buf = nullptr;
+            size_t len = 0;
+            FILE *out = open_memstream(&buf, &len);
+            if (out == nullptr) {
+                std::perror("dmsim: open_memstream");
+                return kExitEnv;
+            }
+            rc = run_scenario(sc, quiet, out);
+            std::fclose(out);
+            if (rc != kExitPass) std::fwrite(buf, 1, len, stdout);
+            std::free(buf);
+        }
+        if (rc != kExitPass) {
+            std::printf("== %s: repetition %d of %d failed\n", sc.file.c_str(), n, repeat);
+            return rc;
+        }
+        if (n % 1000 == 0 || n == repeat) {
+            const Resident r = resident();
+            std::printf("   %d runs: resident %ld KiB, peak %ld KiB\n", n, r.rss, r.hwm);
+            std::fflush(stdout);
+        }
+    }
+    std::printf("== %s: PASS (%d runs)\n", sc.file.c_str(), repeat);
+    return kExitPass;
+}
+
+int run_file(const std::string &path, const Options &opt, int repeat) {
     Scenario sc;
     std::string error;
     if (!parse_scenario_file(path, sc, error)) {
@@ -146,12 +214,13 @@ int run_file(const std::string &path, const Options &opt) {
             return r == NetnsResult::kUnprivileged ? opt.unprivileged_exit : kExitEnv;
         }
     }
-    return run_scenario(sc, opt, stdout);
+    return repeat > 1 ? repeat_scenario(sc, opt, repeat) : run_scenario(sc, opt, stdout);
 }
 
 int run(const Args &a) {
     if (a.operands.empty()) return usage_error("run needs at least one scenario file");
-    if (a.operands.size() == 1) return run_file(a.operands[0], a.opt);
+    if (a.operands.size() == 1) return run_file(a.operands[0], a.opt, a.repeat);
+    if (a.repeat > 1) return usage_error("--repeat runs one scenario file");
     // Each scenario in a process of its own: a fresh library, a fresh
     // network namespace.
     int worst = kExitPass;
@@ -167,7 +236,7 @@ int run(const Args &a) {
             return kExitEnv;
         }
         if (pid == 0) {
-            int rc = run_file(path, opt);
+            int rc = run_file(path, opt, 1);
             std::fflush(stdout);
             std::fflush(stderr);
             _exit(rc);
@@ -239,7 +308,7 @@ int main(int argc, char **argv) {
             std::printf(kHelp, DMSIM_DEFAULT_LIB);
             return kExitPass;
         } else if (arg == "--lib" || arg == "--trace" || arg == "--diagram" ||
-                   arg == "--unprivileged-exit") {
+                   arg == "--unprivileged-exit" || arg == "--repeat") {
             const char *v = value();
             if (v == nullptr) return usage_error(arg + " needs a value");
             if (arg == "--lib") {
@@ -248,6 +317,13 @@ int main(int argc, char **argv) {
                 a.opt.trace_path = v;
             } else if (arg == "--diagram") {
                 a.opt.diagram_path = v;
+            } else if (arg == "--repeat") {
+                char *end = nullptr;
+                long n = std::strtol(v, &end, 10);
+                if (*v == '\0' || *end != '\0' || n < 1 || n > INT_MAX) {
+                    return usage_error("--repeat needs a count 1.." + std::to_string(INT_MAX));
+                }
+                a.repeat = static_cast<int>(n);
             } else {
                 char *end = nullptr;
                 long n = std::strtol(v, &end, 10);
@@ -270,6 +346,7 @@ int main(int argc, char **argv) {
     }
     if (a.command.empty()) return usage_error("expected a command: run, at or records");
     if (a.opt.netns && a.command != "run") return usage_error("--netns goes with run");
+    if (a.repeat > 1 && a.command != "run") return usage_error("--repeat goes with run");
     if (a.command == "run") return run(a);
     if (a.command == "records") return records(a);
     if (a.command == "at") {
