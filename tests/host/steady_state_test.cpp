@@ -93,7 +93,9 @@ class RuntimeSteadyState : public RuntimeFixture {
             rt.pump();
         } else {
             ++sent;
-            while (delivered.load() < sent) std::this_thread::yield();
+            // Until the runtime has also taken the event back: otherwise the
+            // next send may need a second event while this one is in flight.
+            while (delivered.load() < sent || rt.live_events() != 0) std::this_thread::yield();
         }
     }
 
