@@ -47,6 +47,14 @@ const DatiAtcEntry *find_atc_row(const char *line) {
     return nullptr;
 }
 
+// The reply a handler holds in cur_atcmd_event until it answers: made from
+// the request, so that the answer reaches the AT client that asked.  Its own
+// routine, so that the one reply the behaviour keeps for good (AT+VZWACT=)
+// is told apart by where it was made.
+evfw_event_t *hold_reply(evfw_event_t *request) {
+    return evfw_event_alloc(request);
+}
+
 // "ERROR" for the client that sent `request`.
 void refuse(evfw_event_t *request) {
     evfw_event_t *reply = evfw_event_alloc(request);
@@ -184,7 +192,7 @@ int datamngr_dati_task_hdl(evfw_context_t *context, evfw_event_t *event, void *e
                                  : form == '?' ? row->query_hdl
                                                : nullptr;
             if (hdl != nullptr) {
-                entity->cur_atcmd_event = evfw_event_alloc(event);
+                entity->cur_atcmd_event = hold_reply(event);
                 hdl(row, data + name_len + 1, &entity->cur_atcmd_event);
             } else if (form == '=' || form == '?') {
                 evfw_event_t *fwd = evfw_event_alloc(event);

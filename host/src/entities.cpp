@@ -2,6 +2,9 @@
 // contexts, handlers, unloading.
 #include <dlfcn.h>
 
+#include <cstdlib>
+#include <cstring>
+
 #include "internal.h"
 
 namespace evfw_host {
@@ -12,6 +15,14 @@ namespace {
 
 int host_set_hdl(evfw_task_t *task, evfw_task_hdl_t hdl, void *arg) {
     return core().set_hdl(task, hdl, arg);
+}
+
+// EVFW_HOST_KEEP_LOADED=1: shared objects stay mapped until the process ends
+// (closing them only drops the reference), so that leak checkers run at exit
+// can still name their frames and see what their globals hold.
+bool keep_loaded() {
+    const char *env = getenv("EVFW_HOST_KEEP_LOADED");
+    return env != nullptr && strcmp(env, "1") == 0;
 }
 
 }  // namespace
@@ -162,7 +173,7 @@ evfw_entity_t *Core::load_library(const std::string &path, const std::string &na
                                   const std::string &init_sym, const std::string &exit_sym,
                                   const std::vector<std::pair<uint32_t, std::string>> &ctx_syms) {
     dlerror();
-    void *dl = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
+    void *dl = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL | (keep_loaded() ? RTLD_NODELETE : 0));
     if (dl == nullptr) {
         const char *why = dlerror();
         last_error = "dlopen " + path + ": " + (why != nullptr ? why : "failed");

@@ -27,6 +27,12 @@ struct LengthCase {
     bool fail_resp;     // given to dm_fail_resp
 };
 
+// Named field by field: printed as raw bytes, the padding would be read
+// uninitialised.
+void PrintTo(const LengthCase &c, std::ostream *os) {
+    *os << "id " << c.id << " len " << c.len;
+}
+
 class DispatcherLengthTest : public DispatcherTest,
                              public ::testing::WithParamInterface<LengthCase> {};
 
