@@ -94,7 +94,7 @@ DM_EXPORT extern const DatiAtcEntry dati_atc_tbl[kDatiAtcRows];
 // ---- AT command interface task ----
 DM_EXPORT int datamngr_dati_task_hdl(evfw_context_t *context, evfw_event_t *event,
                                      void *entity_priv);
-char *atctok(char *text, char **save);
+DM_EXPORT char *atctok(char *text, char **save);
 
 // ---- handlers ----
 DM_EXPORT int32_t dati_vzwact_assign_hdl(const DatiAtcEntry *row, char *params,
@@ -147,9 +147,11 @@ DM_EXPORT int32_t dm_atcmd_resp(void *resp, evfw_event_t *event);
 DM_EXPORT int32_t dm_atcmd_urc(void *urc, evfw_event_t *event);
 DM_EXPORT int32_t dm_handle_default_urc(char *text, uint32_t kind, uint32_t sim,
                                         evfw_event_t *event);
-int32_t default_urc_cgev(char *text, uint32_t kind, uint32_t sim, evfw_event_t *event);
-int32_t default_urc_cgev_nw_deact(char *text, uint32_t kind, uint32_t sim, evfw_event_t *event);
-int32_t default_urc_cgev_me_deact(char *text, uint32_t kind, uint32_t sim, evfw_event_t *event);
+DM_EXPORT int32_t default_urc_cgev(char *text, uint32_t kind, uint32_t sim, evfw_event_t *event);
+DM_EXPORT int32_t default_urc_cgev_nw_deact(char *text, uint32_t kind, uint32_t sim,
+                                            evfw_event_t *event);
+DM_EXPORT int32_t default_urc_cgev_me_deact(char *text, uint32_t kind, uint32_t sim,
+                                            evfw_event_t *event);
 
 }  // extern "C"
 

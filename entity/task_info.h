@@ -48,12 +48,12 @@ bool dm_rild_ready();
 extern "C" {
 
 DM_EXPORT int32_t dm_notification(void *data, evfw_event_t *event);
-void record_task_info(const char *name, evfw_event_t *event);
-evfw_event_t *query_task_info_by_name(const char *name);
-TaskInfo *query_task_info(const evfw_event_t *event);
-int32_t is_event_from_imsm(const void *request, const evfw_event_t *event);
-void output_task_info(const TaskInfo *row);
-void dump_task_info(void);
+DM_EXPORT void record_task_info(const char *name, evfw_event_t *event);
+DM_EXPORT evfw_event_t *query_task_info_by_name(const char *name);
+DM_EXPORT TaskInfo *query_task_info(const evfw_event_t *event);
+DM_EXPORT int32_t is_event_from_imsm(const void *request, const evfw_event_t *event);
+DM_EXPORT void output_task_info(const TaskInfo *row);
+DM_EXPORT void dump_task_info(void);
 // -1: the RIL proxy is ready, send now.  0: queued or dropped.
 DM_EXPORT int32_t dm_queue_event_if_not_ready(const void *data, uint32_t len,
                                               evfw_event_t *source_event, uint32_t event_id);

@@ -86,7 +86,7 @@ extern "C" {
 DM_EXPORT int32_t dm_pass_ims_pdn_req(void *req, evfw_event_t *event);
 DM_EXPORT int32_t dm_get_ims_para_req(void *req, evfw_event_t *event);
 DM_EXPORT int32_t dm_get_ims_pdn_req(void *req, evfw_event_t *event);
-int32_t get_interface_id(const char *ifname);
+DM_EXPORT int32_t get_interface_id(const char *ifname);
 
 // ---- network indications ----
 DM_EXPORT int32_t dm_data_call_list_changed_urc(void *ind, evfw_event_t *event);

@@ -127,6 +127,9 @@ int32_t dm_get_ipv6_prefix(const SetupDataCallResp *resp, int once, uint8_t pref
         DM_LOGD("get ipv6 prefix %02x%02x:%02x%02x:%02x%02x:%02x%02x from global address\n",
                 prefix[0], prefix[1], prefix[2], prefix[3], prefix[4], prefix[5], prefix[6],
                 prefix[7]);
+        // A global address can begin with eight zero bytes: ::2:0:0:1 is none
+        // of the special classes, so it counts as global unicast.  Its prefix
+        // would be all zero, which no interface carries: refused.
         return all_zero(prefix, 0, kIpv6PrefixLen) ? -1 : 0;
     }
 

@@ -39,7 +39,9 @@ size_t align4(size_t len) {
 
 // First bytes of an address that carry no usable prefix: all-zero,
 // loopback and v4-embedded (0x00..), link and site local (0xfe..); and any
-// address whose second byte is 0x80 or 0xc0.
+// address whose second byte is 0x80 or 0xc0, whatever its first.  The test
+// goes by those two bytes alone: 2001:8000::1 has 0x01 as its second byte
+// (0x80 is its third), so its prefix 2001:8000:: is logged like any other.
 bool has_usable_prefix(const uint8_t *addr) {
     return addr[0] != 0x00 && addr[0] != 0xfe && addr[1] != 0x80 && addr[1] != 0xc0;
 }

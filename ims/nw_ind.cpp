@@ -106,8 +106,10 @@ int32_t dm_if_status_req(void *, evfw_event_t *) {
 }
 
 extern "C" {
-// The same code under two more names.
-int32_t dm_if_rat_cell_info_req(void *, evfw_event_t *) __attribute__((alias("dm_if_status_req")));
+// The same code under two more names.  The library throws nothing, which the
+// compiler knows of the target; the names say so too.
+int32_t dm_if_rat_cell_info_req(void *, evfw_event_t *)
+        __attribute__((alias("dm_if_status_req"), nothrow));
 int32_t dm_default_bearer_modified_urc(void *, evfw_event_t *)
-        __attribute__((alias("dm_if_status_req")));
+        __attribute__((alias("dm_if_status_req"), nothrow));
 }

@@ -60,12 +60,12 @@ DM_EXPORT PdnInfo *find_pdn_info_by_index(int32_t index);
 DM_EXPORT PdnInfo *find_pdn_info_by_apn(const char *apn);
 DM_EXPORT PdnInfo *find_pdn_info_by_cid(int32_t cid);
 DM_EXPORT PdnInfo *find_pdn_info_by_interface(int32_t interface_id);
-uint32_t get_interface_by_cid(int32_t cid);
-PdnInfo *update_pdn_info(const DataCallEntry *entry, TaskInfo *owner);
+DM_EXPORT uint32_t get_interface_by_cid(int32_t cid);
+DM_EXPORT PdnInfo *update_pdn_info(const DataCallEntry *entry, TaskInfo *owner);
 DM_EXPORT int32_t clear_pdn_info_by_if_type(int32_t interface_id, int32_t if_type);
 DM_EXPORT int32_t clear_pdn_info_by_cid(uint32_t cid);
-int32_t reset_pdn_info(void);
-void dump_pdn_info(void);
+DM_EXPORT int32_t reset_pdn_info(void);
+DM_EXPORT void dump_pdn_info(void);
 
 // ---- data-call setup ----
 DM_EXPORT int32_t dm_setup_data_call_req(void *req, evfw_event_t *event);
@@ -126,8 +126,8 @@ DM_EXPORT int32_t dm_network_config(const char *ifname, uint32_t is_ipv6, const 
                                     const uint8_t *dns1, uint32_t dns_count, const uint8_t *dns2,
                                     const uint8_t *dns3, int32_t net_id, void *record);
 // Append " <address>" to a command of kDnsCmdLen bytes, NUL-terminated.
-int32_t append_ipv4_addr(char *cmd, const uint8_t *addr);
-int32_t append_ipv6_addr(char *cmd, const uint8_t *addr);
+DM_EXPORT int32_t append_ipv4_addr(char *cmd, const uint8_t *addr);
+DM_EXPORT int32_t append_ipv6_addr(char *cmd, const uint8_t *addr);
 
 }  // extern "C"
 

@@ -81,7 +81,7 @@ int32_t dm_handover_resp(void *, evfw_event_t *) {
 }
 
 int32_t dm_set_initial_attach_apn_resp(void *resp, evfw_event_t *event)
-        __attribute__((alias("dm_handover_resp")));
+        __attribute__((alias("dm_handover_resp"), nothrow));
 
 int32_t dm_set_initial_attach_apn_req(void *data, evfw_event_t *event) {
     DM_LOGI("%s for event %u\n", __func__,

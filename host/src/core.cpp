@@ -225,6 +225,7 @@ void Core::trace_send_locked(uint32_t from, uint32_t to, const evfw_event *ev, b
     e.dropped = dropped;
     std::lock_guard lk(trace_mu);
     e.seq = next_seq++;
+    note_trace_seq(e.seq);
     trace_.push_back(std::move(e));
 }
 
@@ -660,6 +661,7 @@ void Core::reset(Mode m) {
         std::lock_guard lk(prop_mu);
         props_.clear();
     }
+    reset_diagnostics();
     wait_ms = 2000;
     trace_on = true;
     trace_data = true;

@@ -23,14 +23,70 @@ EventStore &event_store() {
     return g_store;
 }
 
+namespace {
+
+// Diagnostics outlive the runtime's core: a free after the core's end may
+// still raise one.  So their store is never destroyed.
+struct DiagStore {
+    std::mutex mu;
+    std::vector<Diagnostic> list;
+    FILE *echo = stderr;
+};
+DiagStore &diag_store() {
+    static DiagStore *store = new DiagStore;
+    return *store;
+}
+
+constinit std::atomic<uint64_t> g_last_trace_seq{0};
+constinit std::atomic<long> g_diag_count{0};
+
+}  // namespace
+
+uint64_t last_trace_seq() {
+    return g_last_trace_seq.load(std::memory_order_relaxed);
+}
+
+void note_trace_seq(uint64_t seq) {
+    g_last_trace_seq.store(seq, std::memory_order_relaxed);
+}
+
 void diag(const char *fmt, ...) {
     char buf[512];
     va_list ap;
     va_start(ap, fmt);
     vsnprintf(buf, sizeof buf, fmt, ap);
     va_end(ap);
+    ++g_diag_count;
+    DiagStore &d = diag_store();
+    std::lock_guard lk(d.mu);
+    d.list.push_back(Diagnostic{last_trace_seq(), buf});
     // One write per line so that lines of concurrent threads do not mix.
-    fprintf(stderr, "evfw_host: %s\n", buf);
+    if (d.echo != nullptr) fprintf(d.echo, "evfw_host: %s\n", buf);
+}
+
+std::vector<Diagnostic> diagnostics() {
+    DiagStore &d = diag_store();
+    std::lock_guard lk(d.mu);
+    return d.list;
+}
+
+long diagnostic_count() {
+    return g_diag_count.load();
+}
+
+void set_diag_echo(FILE *out) {
+    DiagStore &d = diag_store();
+    std::lock_guard lk(d.mu);
+    d.echo = out;
+}
+
+void reset_diagnostics() {
+    DiagStore &d = diag_store();
+    std::lock_guard lk(d.mu);
+    d.list.clear();
+    d.echo = stderr;
+    g_diag_count = 0;
+    g_last_trace_seq = 0;
 }
 
 EventStore::~EventStore() {

@@ -47,8 +47,19 @@ struct evfw_event {
 
 namespace evfw_host {
 
-// Runtime diagnostic on stderr, prefixed "evfw_host: ".
+// Runtime diagnostic: recorded (Runtime::diagnostics()) and echoed, by
+// default on stderr, prefixed "evfw_host: ".
 void diag(const char *fmt, ...) __attribute__((__format__(printf, 1, 2)));
+std::vector<Diagnostic> diagnostics();
+long diagnostic_count();
+void set_diag_echo(FILE *out);
+// Forgets the recorded diagnostics and sets the echo back to stderr.
+void reset_diagnostics();
+// Sequence number of the last trace entry recorded, kept apart from the
+// trace so that a diagnostic raised while the runtime is torn down can still
+// be placed.
+uint64_t last_trace_seq();
+void note_trace_seq(uint64_t seq);
 
 // Allocation, recycling and accounting of events.  Constant-initialised, so
 // it exists before any other static object and outlives all of them.

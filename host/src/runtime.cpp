@@ -119,7 +119,15 @@ void Runtime::set_trace_data(bool keep_bytes) {
 
 void Runtime::print_trace(FILE *out) const {
     constexpr size_t kShownBytes = 32;
+    const std::vector<Diagnostic> diags = diagnostics();
+    size_t next_diag = 0;
+    auto diags_until = [&](uint64_t seq) {
+        for (; next_diag < diags.size() && diags[next_diag].after_seq < seq; ++next_diag) {
+            fprintf(out, "     !! evfw_host: %s\n", diags[next_diag].text.c_str());
+        }
+    };
     for (const TraceEntry &e : trace()) {
+        diags_until(e.seq);
         std::string line;
         char head[256];
         snprintf(head, sizeof head, "%4" PRIu64 " %s(%u) -> %s(%u) %s(%u) len=%zu", e.seq,
@@ -140,6 +148,17 @@ void Runtime::print_trace(FILE *out) const {
         line += '\n';
         fputs(line.c_str(), out);
     }
+    diags_until(UINT64_MAX);
+}
+
+std::vector<Diagnostic> Runtime::diagnostics() const {
+    return evfw_host::diagnostics();
+}
+long Runtime::diagnostic_count() const {
+    return evfw_host::diagnostic_count();
+}
+void Runtime::set_diag_echo(FILE *out) {
+    evfw_host::set_diag_echo(out);
 }
 
 std::vector<LogLine> Runtime::logs() const {

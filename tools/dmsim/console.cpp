@@ -47,7 +47,10 @@ void print_results(Sim &sim, const Options &options, FILE *out) {
             show(out, text_at(e, offsetof(AtUrc, text)));
         }
     }
-    if (options.log) sim.print_logs(stderr);
+    if (options.log) {
+        sim.print_logs(stderr);
+        sim.print_diagnostics(stderr);
+    }
     std::fflush(out);
 }
 
@@ -73,7 +76,10 @@ int run_console(const Options &options, std::istream &in, bool interactive, FILE
     sim.at_register("ati");
     sim.settle();
     sim.new_trace();
-    if (options.log) sim.print_logs(stderr);
+    if (options.log) {
+        sim.print_logs(stderr);
+        sim.print_diagnostics(stderr);
+    }
     if (interactive) {
         std::fprintf(out, "dmsim AT console on %s\n%s", options.lib.c_str(), kConsoleHelp);
     }

@@ -55,8 +55,11 @@ commands:
 
 options:
   --lib PATH       the library to load (default: %s)
-  --log            print the library's log lines, logcat style
-  --trace FILE     write the event trace of the run to FILE
+  --log            print the library's log lines, logcat style, and the host
+                   runtime's diagnostics ("evfw_host: ..."), which the AT
+                   console otherwise keeps off the screen
+  --trace FILE     write the event trace of the run to FILE, the runtime's
+                   diagnostics in their places ("!! evfw_host: ...")
   --diagram FILE   write the message flow as a Mermaid sequence diagram to FILE
   --netns          (run) run inside a private network namespace that holds
                    the data interfaces the scenario declares (veth pdnetN with

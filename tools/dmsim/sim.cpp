@@ -105,6 +105,7 @@ Sim::~Sim() {
 bool Sim::start(const std::vector<std::string> &clients, std::string &error) {
     rt_.reset(evfw_host::Mode::Threaded);
     rt_.set_trace_data(true);
+    rt_.set_diag_echo(nullptr);
     if (rt_.load_library(opt_.lib, "datamngr", "datamngr_entity_init", "datamngr_entity_exit",
                          {{TASK_DATAMNGR_DATI_HDL, "datamngr_dati_task_hdl"}}) == nullptr) {
         error = rt_.last_error();
@@ -382,6 +383,14 @@ void Sim::print_logs(FILE *out) {
     }
 }
 
+void Sim::print_diagnostics(FILE *out) {
+    const std::vector<evfw_host::Diagnostic> all = rt_.diagnostics();
+    for (size_t i = printed_diags_; i < all.size(); ++i) {
+        std::fprintf(out, "   !! evfw_host: %s\n", all[i].text.c_str());
+    }
+    printed_diags_ = all.size();
+}
+
 std::string Sim::describe(const TraceEntry &e) const {
     const RecordDesc *rec = default_record(e.event_id);
     if (rec == nullptr || e.data.empty()) return "";
@@ -525,6 +534,7 @@ int run_scenario(const Scenario &sc, const Options &options, FILE *out) {
         return kExitEnv;
     }
     sim.new_trace();  // the start-up is not part of the scenario's output
+    sim.print_diagnostics(out);
     if (options.log) sim.print_logs(out);
     int expectations = 0;
     int failed = 0;
@@ -612,6 +622,7 @@ int run_scenario(const Scenario &sc, const Options &options, FILE *out) {
         }
         sim.settle();
         for (const TraceEntry &e : sim.new_trace()) sim.print_entry(e, out);
+        sim.print_diagnostics(out);
         if (options.log) sim.print_logs(out);
     }
     const std::vector<TraceEntry> trace = sim.rt().trace();

@@ -87,6 +87,10 @@ class Sim {
     std::vector<evfw_host::LogLine> new_logs();
     void print_entry(const evfw_host::TraceEntry &e, FILE *out) const;
     void print_logs(FILE *out);
+    // The runtime's diagnostics not printed yet, as "!! evfw_host: ..." lines.
+    // They are kept off the console (a person typing AT commands would take
+    // them for failures) and shown with the trace or with --log.
+    void print_diagnostics(FILE *out);
 
     // ---- expectations: each consumes what it matched ----
     // An empty `why` means it held.
@@ -129,6 +133,7 @@ class Sim {
 
     uint64_t printed_seq_ = 0;
     size_t printed_logs_ = 0;
+    size_t printed_diags_ = 0;
     std::set<uint64_t> consumed_;
 };
 

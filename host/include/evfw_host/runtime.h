@@ -66,6 +66,14 @@ struct LogLine {
     std::string text;
 };
 
+// A diagnostic of the runtime itself ("evfw_host: ..."): a refused send, a
+// foreign unlock, a wait that gave up.  `after_seq` is the sequence number
+// of the last trace entry before it, so that it can be shown in its place.
+struct Diagnostic {
+    uint64_t after_seq = 0;
+    std::string text;  // without the "evfw_host: " prefix
+};
+
 struct Subscription {
     uint32_t task_id;
     uint32_t event_id;
@@ -99,7 +107,7 @@ using PeerHandler = std::function<void(Peer &self, const Received &in)>;
 
 // A simulated task or external client.  Owned by the Runtime.
 class Peer {
-public:
+  public:
     virtual ~Peer() = default;
 
     virtual uint32_t id() const = 0;  // task id or external id
@@ -114,8 +122,8 @@ public:
     // Sends a fresh event from this peer (it takes the peer's route).
     virtual int send(uint32_t to, uint32_t event_id, const void *data, size_t len) = 0;
     // Sends an event derived from `request` (it takes the request's route).
-    virtual int reply(const evfw_event_t *request, uint32_t to, uint32_t event_id,
-                      const void *data, size_t len) = 0;
+    virtual int reply(const evfw_event_t *request, uint32_t to, uint32_t event_id, const void *data,
+                      size_t len) = 0;
 
     // What was delivered to this peer, in order (from the trace).
     virtual std::vector<TraceEntry> received() const = 0;
@@ -130,7 +138,7 @@ struct EntityAbi {
 };
 
 class Runtime {
-public:
+  public:
     static Runtime &instance();
 
     // Unloads every entity, drops peers, queued events, trace, logs and
@@ -156,9 +164,9 @@ public:
     const std::string &last_error() const;
 
     // ---- peers ----
-    Peer &add_task(uint32_t task_id);               // name from the registry
-    Peer &add_client(const std::string &name);      // next external id
-    Peer *peer(uint32_t id);                        // nullptr when absent
+    Peer &add_task(uint32_t task_id);           // name from the registry
+    Peer &add_client(const std::string &name);  // next external id
+    Peer *peer(uint32_t id);                    // nullptr when absent
 
     // ---- running ----
     // Deterministic: deliver until idle; returns the number of deliveries.
@@ -205,6 +213,13 @@ public:
     void set_log_echo(FILE *out);        // logcat-style copy of each line, or nullptr
     static std::string logcat(const LogLine &line);
 
+    // Every diagnostic since the last reset, in order, and how many.  Each is
+    // also written to the echo stream (stderr by default; nullptr: none), and
+    // print_trace() shows it in its place among the sends.
+    std::vector<Diagnostic> diagnostics() const;
+    long diagnostic_count() const;
+    void set_diag_echo(FILE *out);
+
     // ---- accounting ----
     long live_events() const;  // allocated and not yet freed
     uint64_t events_allocated() const;
@@ -213,7 +228,7 @@ public:
     long bad_unlocks() const;  // unlocks of a mutex the thread did not hold
     long timeouts() const;     // send-and-wait and mutex waits that gave up
 
-private:
+  private:
     Runtime();
     struct Impl;
     std::unique_ptr<Impl> impl_;
