@@ -47,7 +47,9 @@ Harness::~Harness() {
     rt_.reset();
 }
 
-DatamngrEntity *Harness::entity() const { return dm_entity(); }
+DatamngrEntity *Harness::entity() const {
+    return dm_entity();
+}
 
 Peer &Harness::task(uint32_t task_id) {
     Peer *p = rt_.peer(task_id);
@@ -98,7 +100,7 @@ std::vector<std::string> Harness::logs_containing(std::string_view needle) const
     return out;
 }
 
-long Harness::held_by_library() const {
+long held_by_library() {
     long held = dm_pending_count();
     for (int i = 0; i < kTaskInfoRows; ++i) {
         if (task_info_row(i)->event != nullptr) ++held;
@@ -140,12 +142,12 @@ constexpr std::string_view kUnknownAnnouncement = "record_task_info for ";
 
 }  // namespace
 
-long Harness::prescribed_leaks() const {
-    long leaks = leaks_before_clear_;
+long prescribed_leaks(const std::vector<LogLine> &logs) {
+    long leaks = 0;
     // The AT interface task handles one line at a time, so its lines stay in
     // order among themselves whatever the other threads log.
     bool vzwact_holding = false;
-    for (const LogLine &line : rt_.logs()) {
+    for (const LogLine &line : logs) {
         std::string_view body = log_body(line.text);
         if (body.starts_with(kAtCmdArrival)) {
             if (vzwact_holding) ++leaks;
@@ -164,18 +166,33 @@ long Harness::prescribed_leaks() const {
     return leaks;
 }
 
+std::string accounting_problems(const Runtime &rt) {
+    const long live = rt.live_events();
+    const long held = held_by_library();
+    const long leaks = prescribed_leaks(rt.logs());
+    const DatamngrEntity *entity = dm_entity();
+    std::string out;
+    if (live - held - leaks != 0) {
+        out += "events alive " + std::to_string(live) + ", held by the library " +
+               std::to_string(held) + ", prescribed leaks " + std::to_string(leaks) + "; ";
+    }
+    if (rt.bad_frees() != 0) out += std::to_string(rt.bad_frees()) + " events freed twice; ";
+    if (entity != nullptr && entity->cur_event != nullptr) {
+        out += "the dispatcher still holds its current event; ";
+    }
+    return out;
+}
+
 std::string log_text(std::string_view function, int line, std::string_view level_word,
                      std::string_view text) {
     char header[64];
-    std::snprintf(header, sizeof(header), " (%24.24s, %4d) [", std::string(function).c_str(),
-                  line);
+    std::snprintf(header, sizeof(header), " (%24.24s, %4d) [", std::string(function).c_str(), line);
     return std::string(header) + std::string(level_word) + "] " + std::string(text);
 }
 
 std::string dati_log_text(std::string_view function, int line, std::string_view text) {
     char header[64];
-    std::snprintf(header, sizeof(header), " (%24.24s, %4d) ", std::string(function).c_str(),
-                  line);
+    std::snprintf(header, sizeof(header), " (%24.24s, %4d) ", std::string(function).c_str(), line);
     return std::string(header) + std::string(text);
 }
 

@@ -33,8 +33,19 @@ using evfw_host::TraceEntry;
 // frees the events it holds (registry rows, pending queue).
 void reset_library_state();
 
+// Events the library holds by design: announcements in the registry and
+// requests in the pending queue.
+long held_by_library();
+// Events the behaviour leaves unreleased on purpose, counted from the log
+// lines that mark them (see Harness::prescribed_leaks).
+long prescribed_leaks(const std::vector<LogLine> &logs);
+// "" when every event of the runtime is freed, held by the library or a
+// prescribed leak, none was freed twice and the dispatcher holds no current
+// event; otherwise the figures.  Meaningful once the runtime is idle.
+std::string accounting_problems(const Runtime &rt);
+
 class Harness {
-public:
+  public:
     explicit Harness(evfw_host::Mode mode = evfw_host::Mode::Deterministic);
     ~Harness();
     Harness(const Harness &) = delete;
@@ -84,9 +95,7 @@ public:
         rt_.clear_logs();
     }
 
-    // Events the library holds by design: announcements in the registry and
-    // requests in the pending queue.
-    long held_by_library() const;
+    long held_by_library() const { return testkit::held_by_library(); }
     // Events alive beyond those the library holds: 0 unless something leaked.
     long stray_events() const { return rt_.live_events() - held_by_library(); }
     // Events the behaviour leaves unreleased on purpose, counted one by one
@@ -99,7 +108,9 @@ public:
     //    lock-and-ERROR path (it stays in the held-event slot until the next
     //    command overwrites it).
     // Logs dropped by clear() are counted before they go.
-    long prescribed_leaks() const;
+    long prescribed_leaks() const {
+        return leaks_before_clear_ + testkit::prescribed_leaks(rt_.logs());
+    }
     // Events alive that neither a documented holder keeps nor a prescribed
     // leak explains.  0 after every flow; negative when an event that should
     // be held was freed.  Meaningful once the runtime is idle.
@@ -107,7 +118,7 @@ public:
         return rt_.live_events() - held_by_library() - prescribed_leaks();
     }
 
-private:
+  private:
     Runtime &rt_;
     evfw_entity_t *entity_record_ = nullptr;
     long leaks_before_clear_ = 0;

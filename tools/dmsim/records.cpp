@@ -2,6 +2,7 @@
 
 #include <arpa/inet.h>
 
+#include <algorithm>
 #include <array>
 #include <cstring>
 #include <type_traits>
@@ -12,6 +13,7 @@
 #include "evfw_ids.h"
 #include "ims/ims_pdn.h"
 #include "ims/netlink_listener.h"
+#include "pdn/pdn_info.h"
 #include "pdn/pdn_records.h"
 
 namespace dmsim {
@@ -38,6 +40,8 @@ constexpr Kind kind_of() {
         return Kind::Text;
     } else if constexpr (std::is_array_v<T> && std::is_same_v<std::remove_extent_t<T>, uint8_t>) {
         return Kind::Bytes;
+    } else if constexpr (std::is_pointer_v<T>) {
+        return Kind::Ptr;
     } else {
         static_assert(std::is_void_v<T>, "no scenario form for this member type");
     }
@@ -215,6 +219,23 @@ const RecordDesc kNetlinkListenReq = DMSIM_REC(NetlinkListenReq, kNetlinkListenR
 const FieldDesc kAnnouncementFields[] = {DMSIM_F(Announcement, name)};
 const RecordDesc kAnnouncement = DMSIM_REC(Announcement, kAnnouncementFields);
 
+const FieldDesc kPdnInfoFields[] = {
+        DMSIM_F(PdnInfo, interface_id),
+        DMSIM_F(PdnInfo, primary_cid),
+        DMSIM_F(PdnInfo, cid),
+        DMSIM_F(PdnInfo, status),
+        DMSIM_F(PdnInfo, active),
+        DMSIM_F(PdnInfo, ifname),
+        DMSIM_F(PdnInfo, apn),
+        DMSIM_F(PdnInfo, addr_type),
+        DMSIM_F(PdnInfo, prefix_len),
+        DMSIM_F(PdnInfo, preferred_lifetime),
+        DMSIM_F(PdnInfo, valid_lifetime),
+        DMSIM_F(PdnInfo, owner),
+        DMSIM_R(PdnInfo, call, kDataCallEntry),
+};
+const RecordDesc kPdnInfo = DMSIM_REC(PdnInfo, kPdnInfoFields);
+
 const FieldDesc kTextFields[] = {FieldDesc{"text", 0, 0, Kind::Text}};
 const RecordDesc kText = {"Text", 0, kTextFields};
 
@@ -224,20 +245,35 @@ const RecordDesc kText = {"Text", 0, kTextFields};
 #undef DMSIM_REC
 
 const RecordDesc *const kAll[] = {
-        &kAnnouncement,      &kSetupDataCallReq,
-        &kSetupDataCallResp, &kDataCallEntry,
-        &kSetupFailInd,      &kSetupAck,
-        &kDeactivateReq,     &kHandoverReq,
-        &kWordPair,          &kDedicateSetupResp,
-        &kBearResp,          &kCidResp,
-        &kDedicateBearerInd, &kDedicateBearerDeactInd,
-        &kDataCallListInd,   &kImsPdnReq,
-        &kImsPdnPassResp,    &kImsParaReq,
-        &kImsParaResp,       &kAtCmdReq,
-        &kAtCmdResp,         &kAtUrc,
-        &kDeactDataCallInd,  &kPdnStateSetReq,
-        &kPdnStateGetReq,    &kPdnStateReply,
-        &kNetlinkListenReq,  &kText,
+        &kAnnouncement,
+        &kSetupDataCallReq,
+        &kSetupDataCallResp,
+        &kDataCallEntry,
+        &kSetupFailInd,
+        &kSetupAck,
+        &kDeactivateReq,
+        &kHandoverReq,
+        &kWordPair,
+        &kDedicateSetupResp,
+        &kBearResp,
+        &kCidResp,
+        &kDedicateBearerInd,
+        &kDedicateBearerDeactInd,
+        &kDataCallListInd,
+        &kImsPdnReq,
+        &kImsPdnPassResp,
+        &kImsParaReq,
+        &kImsParaResp,
+        &kAtCmdReq,
+        &kAtCmdResp,
+        &kAtUrc,
+        &kDeactDataCallInd,
+        &kPdnStateSetReq,
+        &kPdnStateGetReq,
+        &kPdnStateReply,
+        &kNetlinkListenReq,
+        &kPdnInfo,
+        &kText,
 };
 
 struct EventRecord {
@@ -408,6 +444,10 @@ const RecordDesc &text_record() {
     return kText;
 }
 
+const RecordDesc &pdn_row_record() {
+    return kPdnInfo;
+}
+
 bool resolve_field(const RecordDesc &record, std::string_view path, FieldRef &out,
                    std::string &error) {
     const RecordDesc *rec = &record;
@@ -532,6 +572,13 @@ bool encode_value(Kind kind, size_t size, std::string_view text, bool quoted,
             }
             return true;
         }
+        case Kind::Ptr:
+            if (quoted || (text != "null" && text != "set")) {
+                error = "expected null or set for a pointer, found '" + std::string(text) + "'";
+                return false;
+            }
+            out.assign(1, text == "set" ? 1 : 0);
+            return true;
         case Kind::Record:
             break;
     }
@@ -563,6 +610,9 @@ std::string format_value(Kind kind, const uint8_t *bytes, size_t size) {
             inet_ntop(kind == Kind::Ipv4 ? AF_INET : AF_INET6, bytes, buf, sizeof(buf));
             return buf;
         }
+        case Kind::Ptr:
+            return std::all_of(bytes, bytes + size, [](uint8_t b) { return b == 0; }) ? "null"
+                                                                                      : "set";
         case Kind::Bytes:
         case Kind::Record:
             break;
@@ -583,6 +633,10 @@ bool value_matches(Kind kind, const uint8_t *bytes, size_t size,
     if (kind == Kind::Text) {
         const size_t n = strnlen(reinterpret_cast<const char *>(bytes), size);
         return n == value.size() && std::memcmp(bytes, value.data(), n) == 0;
+    }
+    if (kind == Kind::Ptr) {
+        const bool set = std::any_of(bytes, bytes + size, [](uint8_t b) { return b != 0; });
+        return value.size() == 1 && set == (value[0] != 0);
     }
     if (value.size() > size || std::memcmp(bytes, value.data(), value.size()) != 0) return false;
     for (size_t i = value.size(); i < size; ++i) {
@@ -609,6 +663,8 @@ const char *kind_name(Kind kind) {
             return "ipv4";
         case Kind::Ipv6:
             return "ipv6";
+        case Kind::Ptr:
+            return "pointer";
         case Kind::Record:
             return "record";
     }

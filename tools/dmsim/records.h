@@ -24,6 +24,7 @@ enum class Kind {
     Bytes,   // opaque bytes, written and compared as hex
     Ipv4,    // 4 bytes, dotted text
     Ipv6,    // 16 bytes, IPv6 text, network byte order
+    Ptr,     // a pointer the data manager keeps: "null" or "set"
     Record,  // a nested record (or an array of them)
 };
 
@@ -59,6 +60,8 @@ const RecordDesc *find_record(std::string_view name);
 const RecordDesc *default_record(uint32_t event_id);
 // The text-payload pseudo record (AT command lines, forwarded commands).
 const RecordDesc &text_record();
+// A row of the PDN table (PdnInfo), for expect-pdn.
+const RecordDesc &pdn_row_record();
 
 // Resolves `path` in `record`; false with a reason in `error`.
 bool resolve_field(const RecordDesc &record, std::string_view path, FieldRef &out,

@@ -41,7 +41,7 @@ constexpr std::string_view kKnownClients[] = {"imsm_0", "imsm_1", "imsm_2", "ims
 
 constexpr std::string_view kSteps =
         "title, iface, client, property, announce, send, ril, at, at-register, urc, expect, "
-        "expect-none, expect-at, expect-urc, expect-log, expect-no-log";
+        "expect-none, expect-at, expect-urc, expect-log, expect-no-log, expect-pdn";
 
 struct Tok {
     std::string text;       // unescaped
@@ -65,6 +65,13 @@ bool to_uint(std::string_view s, uint64_t max, uint64_t &out) {
     if (!is_uint(s) || s.size() > 10) return false;
     out = std::stoull(std::string(s));
     return out <= max;
+}
+
+// A cid of expect-pdn: -2147483648..2147483647.
+bool parse_cid(std::string_view s, bool &negative, uint64_t &magnitude) {
+    negative = !s.empty() && s.front() == '-';
+    if (negative) s.remove_prefix(1);
+    return to_uint(s, negative ? 0x80000000u : 0x7fffffffu, magnitude);
 }
 
 bool find_named(std::span<const NamedId> table, std::string_view name, uint32_t &id) {
@@ -543,6 +550,25 @@ bool Parser::step(std::string_view keyword, std::string_view rest) {
         s.op = none ? Op::ExpectNone : Op::Expect;
         if (toks.size() >= 2 && !event(toks[1].text, s.event_id)) return false;
         if (!none && !payload(toks, 2, s.event_id, false, s.payload)) return false;
+    } else if (keyword == "expect-pdn") {
+        if (!tokens(rest, toks)) return false;
+        bool negative = false;
+        uint64_t n = 0;
+        if (toks.empty() || !parse_cid(toks[0].text, negative, n)) {
+            return fail("expected expect-pdn <cid> <field=value>... (a field of PdnInfo)");
+        }
+        s.op = Op::ExpectPdn;
+        s.cid = static_cast<int32_t>(static_cast<uint32_t>(negative ? 0 - n : n));
+        s.payload = Payload{};
+        s.payload.record = &pdn_row_record();
+        s.payload.len = s.payload.record->size;
+        for (size_t i = 1; i < toks.size(); ++i) {
+            size_t eq = toks[i].text.find('=');
+            if (eq == std::string::npos || eq == 0) {
+                return fail("expected a field name=value of PdnInfo, found '" + toks[i].text + "'");
+            }
+            if (!assign(toks[i], eq, s.payload, false)) return false;
+        }
     } else if (keyword == "expect-at" || keyword == "expect-urc") {
         s.op = keyword == "expect-at" ? Op::ExpectAt : Op::ExpectUrc;
         if (!rest_text(rest, s.text, "the text the AT client receives")) return false;
@@ -629,6 +655,7 @@ bool Scenario::is_expectation(const Step &s) const {
         case Op::ExpectUrc:
         case Op::ExpectLog:
         case Op::ExpectNoLog:
+        case Op::ExpectPdn:
             return true;
         default:
             return false;

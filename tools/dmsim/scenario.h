@@ -63,6 +63,7 @@ enum class Op {
     ExpectUrc,
     ExpectLog,
     ExpectNoLog,
+    ExpectPdn,
 };
 
 struct Step {
@@ -74,6 +75,7 @@ struct Step {
     uint32_t event_id = 0;  // Send, Expect, ExpectNone (0: any), RilReply/RilIgnore: request
     uint32_t reply_id = 0;  // RilReply: answer
     int32_t iface = -1;     // RilAnswer: interface, -1 for all
+    int32_t cid = 0;        // ExpectPdn: the cid whose PDN row is checked
     Payload payload;
     std::string text;   // AT line, URC line, log text, property key, announced name
     std::string value;  // property value

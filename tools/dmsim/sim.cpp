@@ -102,10 +102,21 @@ Sim::~Sim() {
     if (loaded_) finish();
 }
 
-bool Sim::start(const std::vector<std::string> &clients, std::string &error) {
-    rt_.reset(evfw_host::Mode::Threaded);
-    rt_.set_trace_data(true);
-    rt_.set_diag_echo(nullptr);
+bool Sim::load(std::string &error) {
+    if (deterministic()) {
+        links_ = *opt_.linked;
+        evfw_host::EntityAbi abi;
+        abi.init = links_.init;
+        abi.exit = links_.exit;
+        abi.ctx_handlers = {{TASK_DATAMNGR_DATI_HDL, links_.dati_hdl}};
+        if (rt_.load("datamngr", abi) == nullptr) {
+            error = rt_.last_error();
+            return false;
+        }
+        loaded_ = true;
+        rt_.run_threads();  // the init thread, at once
+        return true;
+    }
     if (rt_.load_library(opt_.lib, "datamngr", "datamngr_entity_init", "datamngr_entity_exit",
                          {{TASK_DATAMNGR_DATI_HDL, "datamngr_dati_task_hdl"}}) == nullptr) {
         error = rt_.last_error();
@@ -117,16 +128,25 @@ bool Sim::start(const std::vector<std::string> &clients, std::string &error) {
         error = "the data manager's init thread did not finish";
         return false;
     }
-
-    // The AT client reply entry points of the very library the runtime
-    // loaded: a second dlopen of the same path yields the same object.
+    // The entry points of the very library the runtime loaded: a second
+    // dlopen of the same path yields the same object.
     if (void *dl = dlopen(opt_.lib.c_str(), RTLD_NOW | RTLD_NOLOAD)) {
-        dati_setup_ = reinterpret_cast<DatiResp>(dlsym(dl, "dati_setup_data_call_resp"));
-        dati_fail_ = reinterpret_cast<DatiResp>(dlsym(dl, "dati_fail_resp"));
-        dati_radio_power_ = reinterpret_cast<DatiResp>(dlsym(dl, "dati_radio_power_resp"));
-        dati_allow_data_ = reinterpret_cast<DatiResp>(dlsym(dl, "dati_allow_data_resp"));
+        auto sym = [dl](const char *name) { return dlsym(dl, name); };
+        links_.dati_setup = reinterpret_cast<EntityLinks::Resp>(sym("dati_setup_data_call_resp"));
+        links_.dati_fail = reinterpret_cast<EntityLinks::Resp>(sym("dati_fail_resp"));
+        links_.dati_radio_power = reinterpret_cast<EntityLinks::Resp>(sym("dati_radio_power_resp"));
+        links_.dati_allow_data = reinterpret_cast<EntityLinks::Resp>(sym("dati_allow_data_resp"));
+        links_.pdn_row = reinterpret_cast<PdnInfo *(*)(int32_t)>(sym("find_pdn_info_by_index"));
         dlclose(dl);  // the runtime's reference keeps it loaded
     }
+    return true;
+}
+
+bool Sim::start(const std::vector<std::string> &clients, std::string &error) {
+    rt_.reset(deterministic() ? evfw_host::Mode::Deterministic : evfw_host::Mode::Threaded);
+    rt_.set_trace_data(true);
+    rt_.set_diag_echo(nullptr);
+    if (!load(error)) return false;
 
     for (uint32_t id : kStandardTasks) {
         Peer &p = rt_.add_task(id);
@@ -160,6 +180,10 @@ bool Sim::wait_for_init() {
 }
 
 bool Sim::settle() {
+    if (deterministic()) {
+        rt_.pump();
+        return true;
+    }
     if (rt_.wait_idle(opt_.settle)) return true;
     std::fprintf(out_, "   !! the data manager is still busy after %lld ms; going on\n",
                  static_cast<long long>(opt_.settle.count()));
@@ -336,19 +360,19 @@ void Sim::on_ril(Peer &self, const Received &in) {
 // answered at once by the AT command interface, so its answer gives nothing.
 void Sim::deliver_to_at_client(uint32_t answer_id, std::vector<uint8_t> &answer,
                                evfw_event_t *request) {
-    DatiResp fn = nullptr;
+    EntityLinks::Resp fn = nullptr;
     switch (answer_id) {
         case EVENT_DATAMNGR_SETUP_DATA_CALL_RESP:
-            if (answer.size() >= sizeof(SetupDataCallResp)) fn = dati_setup_;
+            if (answer.size() >= sizeof(SetupDataCallResp)) fn = links_.dati_setup;
             break;
         case EVENT_DATAMNGR_SETUP_DATA_CALL_FAIL_IND:
-            fn = dati_fail_;
+            fn = links_.dati_fail;
             break;
         case EVENT_DATAMNGR_RADIO_POWER_RESP:
-            fn = dati_radio_power_;
+            fn = links_.dati_radio_power;
             break;
         case EVENT_DATAMNGR_ALLOW_DATA_RESP:
-            fn = dati_allow_data_;
+            fn = links_.dati_allow_data;
             break;
         default:
             break;
@@ -463,16 +487,20 @@ std::string Sim::expect(const Step &s) {
         return "received " + std::to_string(e.len) + " bytes; expected a " +
                std::string(rec->name) + " of " + std::to_string(rec->size) + " bytes";
     }
+    return check_fields(want, e.data.data(), e.len);
+}
+
+std::string Sim::check_fields(const Payload &want, const uint8_t *data, size_t len) const {
     std::string why;
     for (const Assign &a : want.assigns) {
         size_t size = a.field.size;
-        if (size == 0) size = a.field.offset <= e.len ? e.len - a.field.offset : 0;  // text
-        if (a.field.offset + size > e.len || (size == 0 && a.field.kind != Kind::Text)) {
+        if (size == 0) size = a.field.offset <= len ? len - a.field.offset : 0;  // text
+        if (a.field.offset + size > len || (size == 0 && a.field.kind != Kind::Text)) {
             why += (why.empty() ? "" : "; ") + a.field.path + " lies beyond the " +
-                   std::to_string(e.len) + " bytes received";
+                   std::to_string(len) + " bytes received";
             continue;
         }
-        const uint8_t *at = e.data.data() + a.field.offset;
+        const uint8_t *at = data + a.field.offset;
         if (!value_matches(a.field.kind, at, size, a.value)) {
             why += (why.empty() ? "" : "; ") + a.field.path + " is " +
                    format_value(a.field.kind, at, size) + ", expected " +
@@ -480,6 +508,13 @@ std::string Sim::expect(const Step &s) {
         }
     }
     return why;
+}
+
+std::string Sim::expect_pdn(const Step &s) {
+    if (links_.pdn_row == nullptr) return "the library offers no find_pdn_info_by_index";
+    const PdnInfo *row = links_.pdn_row(s.cid);
+    if (row == nullptr) return "cid " + std::to_string(s.cid) + " has no row in the PDN tables";
+    return check_fields(s.payload, reinterpret_cast<const uint8_t *>(row), pdn_row_record().size);
 }
 
 std::string Sim::expect_none(const Step &s) {
@@ -561,6 +596,9 @@ int run_scenario(const Scenario &sc, const Options &options, FILE *out) {
                 case Op::ExpectNoLog:
                     why = sim.expect_log(s.text, 0);
                     break;
+                case Op::ExpectPdn:
+                    why = sim.expect_pdn(s);
+                    break;
                 default:
                     break;
             }
@@ -624,6 +662,13 @@ int run_scenario(const Scenario &sc, const Options &options, FILE *out) {
         for (const TraceEntry &e : sim.new_trace()) sim.print_entry(e, out);
         sim.print_diagnostics(out);
         if (options.log) sim.print_logs(out);
+    }
+    if (options.final_check) {
+        ++expectations;
+        if (std::string why = options.final_check(); !why.empty()) {
+            ++failed;
+            std::fprintf(out, "   FAIL %s: at the end: %s\n", sc.file.c_str(), why.c_str());
+        }
     }
     const std::vector<TraceEntry> trace = sim.rt().trace();
     const bool files_ok = sim.finish();

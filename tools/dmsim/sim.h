@@ -20,6 +20,8 @@
 #include "evfw_host/runtime.h"
 #include "tools/dmsim/scenario.h"
 
+struct PdnInfo;
+
 namespace dmsim {
 
 // Exit statuses of dmsim.
@@ -30,14 +32,37 @@ enum Exit : int {
     kExitEnv = 3,    // the environment: library not loadable, no network namespace, ...
 };
 
+// The library's entry points that the simulator calls.  dmsim resolves them
+// in the shared object it loads; a test program links them in.
+struct EntityLinks {
+    using Resp = int32_t (*)(void *, evfw_event_t *);
+    evfw_entity_t *(*init)(evfw_entity_t *) = nullptr;
+    evfw_entity_t *(*exit)(evfw_entity_t *) = nullptr;
+    evfw_ctx_hdl_t dati_hdl = nullptr;
+    // The AT client reply entry points (see Sim::deliver_to_at_client).
+    Resp dati_setup = nullptr;
+    Resp dati_fail = nullptr;
+    Resp dati_radio_power = nullptr;
+    Resp dati_allow_data = nullptr;
+    // find_pdn_info_by_index: the PDN row of a cid, for expect-pdn.
+    PdnInfo *(*pdn_row)(int32_t index) = nullptr;
+};
+
 struct Options {
     std::string lib;
+    // The library linked into the program instead of loaded by path: it then
+    // runs in the deterministic runtime, every step delivered to the end on
+    // the calling thread.
+    const EntityLinks *linked = nullptr;
     bool log = false;                  // print the library's log lines (logcat style)
     std::string trace_path;            // write the event trace there
     std::string diagram_path;          // write a Mermaid sequence diagram there
     bool netns = false;                // run inside a private network namespace
     int unprivileged_exit = kExitEnv;  // status when --netns lacks the privileges
     std::chrono::milliseconds settle{30000};
+    // A last check of a run, after its steps and before the library is
+    // unloaded: a non-empty answer fails the run and is printed.
+    std::function<std::string()> final_check;
 };
 
 // The scripted RIL proxy: which requests it answers and how.
@@ -99,6 +124,7 @@ class Sim {
     std::string expect_at_text(uint32_t task_id, std::initializer_list<uint32_t> ids,
                                const std::string &text);
     std::string expect_log(const std::string &text, int count);
+    std::string expect_pdn(const Step &s);
 
   private:
     void on_ril(evfw_host::Peer &self, const evfw_host::Received &in);
@@ -106,7 +132,10 @@ class Sim {
     std::vector<uint8_t> setup_answer(const evfw_host::Received &in);
     void deliver_to_at_client(uint32_t answer_id, std::vector<uint8_t> &answer,
                               evfw_event_t *request);
+    bool load(std::string &error);
     bool wait_for_init();
+    bool deterministic() const { return opt_.linked != nullptr; }
+    std::string check_fields(const Payload &want, const uint8_t *data, size_t len) const;
     std::vector<evfw_host::TraceEntry> unconsumed(uint32_t to, uint32_t event_id);
     std::string describe(const evfw_host::TraceEntry &e) const;
 
@@ -123,13 +152,7 @@ class Sim {
     std::atomic<size_t> ril_deliveries_{0};
     std::atomic<uint32_t> at_chnl_{0};
 
-    // The library's AT client reply entry points, for answers to requests
-    // that the AT command interface made (see deliver_to_at_client).
-    using DatiResp = int32_t (*)(void *, evfw_event_t *);
-    DatiResp dati_setup_ = nullptr;
-    DatiResp dati_fail_ = nullptr;
-    DatiResp dati_radio_power_ = nullptr;
-    DatiResp dati_allow_data_ = nullptr;
+    EntityLinks links_;
 
     uint64_t printed_seq_ = 0;
     size_t printed_logs_ = 0;

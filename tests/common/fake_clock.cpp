@@ -17,7 +17,7 @@ std::string g_value;
 
 }  // namespace
 
-namespace ims_test::fake_clock {
+namespace dm_test::fake_clock {
 
 void reset() {
     g_sleeps = 0;
@@ -36,7 +36,7 @@ void set_property_at(uint64_t at_us, const std::string &key, const std::string &
     g_value = value;
 }
 
-}  // namespace ims_test::fake_clock
+}  // namespace dm_test::fake_clock
 
 extern "C" int usleep(useconds_t us) {
     ++g_sleeps;

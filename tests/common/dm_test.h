@@ -1,0 +1,50 @@
+// Shared by the data manager's GoogleTest tables: a fixture with the entity
+// loaded into a fresh deterministic runtime, closed by its event accounting,
+// and small expectation helpers.
+#ifndef TESTS_COMMON_DM_TEST_H
+#define TESTS_COMMON_DM_TEST_H
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "testkit/testkit.h"
+
+namespace dm_test {
+
+using Bytes = std::vector<uint8_t>;
+
+class DmTest : public ::testing::Test {
+  protected:
+    void TearDown() override {
+        h.pump();
+        EXPECT_EQ(dm::testkit::accounting_problems(h.rt()), "");
+    }
+    // Log lines that contain `text`.
+    size_t logged(std::string_view text) const { return h.logs_containing(text).size(); }
+    // The payloads sent to `to` with `event_id`, in order.
+    std::vector<Bytes> payloads(uint32_t to, uint32_t event_id) const {
+        std::vector<Bytes> out;
+        for (const auto &e : h.sent_to(to, event_id)) out.push_back(e.data);
+        return out;
+    }
+
+    dm::testkit::Harness h;
+};
+
+// A zeroed payload of `len` bytes with little-endian words written in.
+inline Bytes words(size_t len, std::initializer_list<std::pair<size_t, uint32_t>> at) {
+    Bytes b(len, 0);
+    for (auto [offset, value] : at) std::memcpy(b.data() + offset, &value, sizeof(value));
+    return b;
+}
+inline void put_text(Bytes &b, size_t offset, std::string_view text) {
+    std::memcpy(b.data() + offset, text.data(), text.size());
+}
+
+}  // namespace dm_test
+
+#endif  // TESTS_COMMON_DM_TEST_H
