@@ -52,6 +52,7 @@ class Harness {
     Harness &operator=(const Harness &) = delete;
 
     Runtime &rt() { return rt_; }
+    const Runtime &rt() const { return rt_; }
     DatamngrEntity *entity() const;
 
     // ---- peers (created on first use) ----

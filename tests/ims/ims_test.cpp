@@ -1,0 +1,325 @@
+// IPv6 addressing and the netlink listener where they are called directly:
+// address classes, interface names, the prefix property's polling (on the
+// fake clock), the walk of crafted netlink buffers, the no-RA message, and a
+// real address dump in a private network namespace.
+#include <arpa/inet.h>
+#include <linux/rtnetlink.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include "common/dm_test.h"
+#include "common/fake_clock.h"
+#include "ims/ims_pdn.h"
+#include "ims/ipv6_addr.h"
+#include "ims/netlink_listener.h"
+#include "tools/dmsim/netns.h"
+
+namespace {
+
+using dm_test::Bytes;
+using dm_test::DmTest;
+
+Bytes ipv6(const char *text) {
+    Bytes a(16);
+    EXPECT_EQ(inet_pton(AF_INET6, text, a.data()), 1) << text;
+    return a;
+}
+
+class Ims : public DmTest {
+  protected:
+    void SetUp() override {
+        dm_test::fake_clock::reset();
+        h.clear();
+    }
+};
+
+TEST_F(Ims, AddressClasses) {
+    const struct {
+        const char *addr;
+        int32_t global;
+        const char *line;
+    } cases[] = {
+            {"ff0e::1", 0, "global multicast address\n"},
+            {"ff02::1", 0, "local multicast address\n"},
+            {"fe80::1", 0, "link local address\n"},
+            {"febf::1", 0, "link local address\n"},
+            {"fec0::1", 0, "site local address\n"},
+            {"fe00::1", 1, "glocal unicast address\n"},
+            {"::ffff:10.0.0.1", 0, "v4 mapped address\n"},
+            {"::fffe:0:0", 1, "glocal unicast address\n"},
+            {"::0.0.0.2", 0, "v4 compat address\n"},
+            {"::1.0.0.0", 0, "v4 compat address\n"},
+            {"::1", 0, "loop back address\n"},
+            {"::", 0, "unspecified address\n"},
+            {"fd00::1", 1, "uni-local address\n"},
+            {"fc00::1", 1, "uni-local address\n"},
+            {"2001:db8::1", 1, "glocal unicast address\n"},
+            // Eight zero bytes first, and still global (see the README).
+            {"::2:0:0:1", 1, "glocal unicast address\n"},
+    };
+    for (const auto &c : cases) {
+        h.clear();
+        EXPECT_EQ(dm_ipv6_is_global(ipv6(c.addr).data()), c.global) << c.addr;
+        auto logs = h.logs();
+        ASSERT_EQ(logs.size(), 2u) << c.addr;
+        EXPECT_EQ(dm::testkit::log_body(logs[1].text), c.line) << c.addr;
+    }
+    EXPECT_EQ(dm::testkit::log_body(h.logs()[0].text),
+              "dm_ipv6_is_global ipv6 00.00.00.00.00.00.00.00.00.02.00.00.00.00.00.01 is\n");
+}
+
+TEST_F(Ims, InterfaceNumberIsReadAfterTheFirstFiveCharacters) {
+    for (auto [name, id] : {std::pair{"pdnet4", 4},
+                            {"pdnet12", 12},
+                            {"pdnet", 0},
+                            {"rmnet4", -1},
+                            {"xpdnet4", 0},
+                            {"abcde7pdnet", 7}}) {
+        EXPECT_EQ(get_interface_id(name), id) << name;
+    }
+}
+
+TEST_F(Ims, PrefixPropertyIsPolledUntilItComes) {
+    uint8_t prefix[16] = {};
+    dm_test::fake_clock::set_property_at(3000000, "net.ipv6.pdnet4.prefix", "2001:db8:1:2::");
+    EXPECT_EQ(dm_get_ipv6_prefix_from_netd("pdnet4", prefix), 0);
+    EXPECT_EQ(dm_test::fake_clock::sleeps(), 30);
+    EXPECT_EQ(logged("[DMGR-WAR] dm_get_ipv6_prefix_from_netd get prefix fail retry"), 30u);
+    EXPECT_EQ(logged("get prefix fail retry 30\n"), 1u);
+    EXPECT_EQ(Bytes(prefix, prefix + 16), ipv6("2001:db8:1:2::"));
+    // Read once: no wait, and the failure is the caller's to report.
+    auto resp = std::make_unique<SetupDataCallResp>();
+    strcpy(resp->ifname, "pdnet5");
+    EXPECT_EQ(dm_get_ipv6_prefix(resp.get(), 1, prefix), -1);
+    EXPECT_EQ(dm_test::fake_clock::sleeps(), 30);
+    EXPECT_EQ(logged("[DMGR-ERR] dm_get_ipv6_prefix_once_from_netd get property fail\n"), 1u);
+    EXPECT_EQ(logged("[DMGR-ERR] get ipv6 prefix once fail for pdnet5\n"), 1u);
+    h.rt().set_property("net.ipv6.pdnet5.prefix", "2001:db8:5::");
+    EXPECT_EQ(dm_get_ipv6_prefix(resp.get(), 1, prefix), 0);
+    EXPECT_EQ(logged("dm_get_ipv6_prefix_once_from_netd get prefix 2001:db8:5:: for pdnet5 \n"),
+              1u);
+    // A global report with a zero prefix is refused without a word.
+    memcpy(resp->ipv6_addr, ipv6("::2:0:0:1").data(), 16);
+    h.clear();
+    EXPECT_EQ(dm_get_ipv6_prefix(resp.get(), 0, prefix), -1);
+    EXPECT_EQ(logged("fail"), 0u);
+}
+
+// ---- the walk of a received buffer ---------------------------------------------
+
+// Netlink address messages, laid out as the kernel does.
+class NlBuf {
+  public:
+    struct Attr {
+        uint16_t type;
+        Bytes data;
+    };
+    static Attr address(const char *text) { return {IFA_ADDRESS, ipv6(text)}; }
+    // Appends a message and returns its offset; with `pad_last` false its
+    // last attribute ends it unpadded.
+    size_t message(std::vector<Attr> attrs, uint16_t type = RTM_NEWADDR, bool pad_last = true) {
+        const size_t start = b.size();
+        b.resize(start + NLMSG_HDRLEN);
+        ifaddrmsg ifa = {AF_INET6, 64, 0, 0, 1};
+        append(&ifa, sizeof(ifa));
+        for (size_t i = 0; i < attrs.size(); ++i) {
+            rtattr rta = {static_cast<uint16_t>(RTA_LENGTH(attrs[i].data.size())), attrs[i].type};
+            append(&rta, sizeof(rta));
+            append(attrs[i].data.data(), attrs[i].data.size());
+            if (pad_last || i + 1 < attrs.size()) b.resize(NLMSG_ALIGN(b.size()));
+        }
+        nlmsghdr hdr = {static_cast<uint32_t>(b.size() - start), type, 0, 0, 0};
+        memcpy(&b[start], &hdr, sizeof(hdr));
+        b.resize(NLMSG_ALIGN(b.size()));
+        return start;
+    }
+    template <class T>
+    void set(size_t offset, T value) {
+        memcpy(&b[offset], &value, sizeof(value));
+    }
+    void append(const void *p, size_t n) {
+        b.insert(b.end(), static_cast<const uint8_t *>(p), static_cast<const uint8_t *>(p) + n);
+    }
+    Bytes b;
+};
+
+constexpr size_t kFirstAttr = NLMSG_LENGTH(sizeof(ifaddrmsg));
+constexpr const char *kDbPrefix = "prefix : 20 1: db8: 0 1: 0 2::\n";
+
+struct WalkCase {
+    const char *name;
+    Bytes (*build)();
+    int32_t result;
+    size_t messages, addresses;  // "netlink message len", "address = " lines
+    const char *line;            // a line that must be there once, or nullptr
+};
+
+const WalkCase kWalks[] = {
+        {"UsableAddress",
+         [] {
+             NlBuf n;
+             n.message({NlBuf::address("2001:db8:1:2::5")});
+             return n.b;
+         },
+         0, 1, 1, "address = 2001:db8:1:2::5, prefix len = 64\n"},
+        {"FirstUsablePrefixEndsTheWalk",
+         [] {
+             NlBuf n;
+             n.message({NlBuf::address("fe80::1"), NlBuf::address("::1")});
+             // Second byte 0x80 or 0xc0: passed over, whatever the first.
+             n.message({NlBuf::address("2a80::1"), NlBuf::address("20c0::1")});
+             n.message({NlBuf::address("2001:db8:1:2::5")});
+             n.message({NlBuf::address("2001:db8:9::1")});
+             return n.b;
+         },
+         0, 3, 5, "netlink message len = 88\n"},
+        {"ShorterThanAHeader",
+         [] {
+             NlBuf n;
+             n.message({NlBuf::address("2001:db8:1:2::5")});
+             return Bytes(n.b.begin(), n.b.begin() + 15);
+         },
+         -1, 0, 0, nullptr},
+        {"NlmsgLenBelowAHeader",
+         [] {
+             NlBuf n;
+             n.message({NlBuf::address("2001:db8:1:2::5")});
+             n.set<uint32_t>(0, 15);
+             return n.b;
+         },
+         -1, 0, 0, nullptr},
+        {"NlmsgLenAboveTheRest",
+         [] {
+             NlBuf n;
+             n.message({NlBuf::address("2001:db8:1:2::5")});
+             n.set<uint32_t>(0, static_cast<uint32_t>(n.b.size() + 1));
+             return n.b;
+         },
+         -1, 0, 0, nullptr},
+        {"TruncatedSecondMessage",
+         [] {
+             NlBuf n;
+             n.message({NlBuf::address("fe80::1")});
+             const size_t second = n.message({NlBuf::address("2001:db8:1:2::5")});
+             return Bytes(n.b.begin(), n.b.begin() + static_cast<long>(second) + 30);
+         },
+         -1, 1, 1, nullptr},
+        {"NoRoomForAnAddressMessage",
+         [] {
+             NlBuf n;
+             n.message({}, NLMSG_DONE);
+             n.set<uint32_t>(0, 20);
+             return Bytes(n.b.begin(), n.b.begin() + 20);
+         },
+         -1, 1, 0, "recv_netlink_msg message len 20 type 3 holds no address\n"},
+        {"RtaLenBelowAHeader",
+         [] {
+             NlBuf n;
+             n.message({NlBuf::address("2001:db8:1:2::5")});
+             n.set<uint16_t>(kFirstAttr, 3);
+             return n.b;
+         },
+         -1, 1, 0, nullptr},
+        {"RtaLenAboveTheSpace",
+         [] {
+             NlBuf n;
+             n.message({NlBuf::address("2001:db8:1:2::5")});
+             n.set<uint16_t>(kFirstAttr, 21);
+             return n.b;
+         },
+         -1, 1, 0, nullptr},
+        {"AddressTooShortForIpv6",
+         [] {
+             NlBuf n;
+             n.message({{IFA_ADDRESS, Bytes(15, 0x20)}});
+             return n.b;
+         },
+         -1, 1, 0, "recv_netlink_msg address attribute len 19 too short\n"},
+        {"UnalignedLengthsAreSteppedRoundedUp",
+         [] {
+             NlBuf n;
+             n.message({{IFA_CACHEINFO, {1, 2}}, NlBuf::address("fe80::1"), {IFA_FLAGS, {1, 2}}},
+                       RTM_NEWADDR, false);
+             n.message({{IFA_LOCAL, Bytes(16, 0x20)}, NlBuf::address("2001:db8:1:2::5")});
+             return n.b;
+         },
+         0, 2, 2, "data = 14, type = 2, IFA_ADDRESS = 1\n"},
+        {"UnpaddedMessageEndingTheBuffer",
+         [] {
+             NlBuf n;
+             n.message({NlBuf::address("fe80::1"), {IFA_FLAGS, {1, 2}}}, RTM_NEWADDR, false);
+             return Bytes(n.b.begin(), n.b.begin() + 50);
+         },
+         -1, 1, 1, nullptr},
+};
+
+class Walks : public Ims, public ::testing::WithParamInterface<WalkCase> {};
+
+TEST_P(Walks, LogWhatTheLengthsAllow) {
+    const WalkCase &c = GetParam();
+    const Bytes buf = c.build();  // exactly its bytes: a read past them is caught
+    EXPECT_EQ(parse_netlink_msg(buf.data(), buf.size()), c.result);
+    EXPECT_EQ(logged("] netlink message len = "), c.messages);
+    EXPECT_EQ(logged("] address = "), c.addresses);
+    EXPECT_EQ(logged(kDbPrefix), c.result == 0 ? 1u : 0u);
+    EXPECT_EQ(logged("] prefix : "), c.result == 0 ? 1u : 0u);
+    if (c.line != nullptr) {
+        EXPECT_EQ(logged(std::string("] ") + c.line), 1u) << c.line;
+    }
+    for (const auto &l : h.logs()) EXPECT_EQ(l.text.substr(2, 24), "        recv_netlink_msg");
+}
+
+INSTANTIATE_TEST_SUITE_P(Buffers, Walks, ::testing::ValuesIn(kWalks),
+                         [](const auto &info) { return std::string(info.param.name); });
+
+TEST_F(Ims, NoRaMessageIsCheckedForTypeLengthAndFamily) {
+    const struct {
+        uint16_t type;
+        uint8_t family;
+        uint32_t len;
+        int32_t result;
+        const char *line;
+    } cases[] = {{20, AF_INET6, 24, -1, "nl_no_ra_handle: incorrect message type 20\n"},
+                 {110, AF_INET, 24, -1, "nl_no_ra_handle wrong family 2\n"},
+                 {110, AF_INET6, 23, -1, "nl_no_ra_handle: message len 23 too short\n"},
+                 {110, AF_INET6, 24, 0, "nl_no_ra_handle no RA message for lo"}};
+    for (const auto &c : cases) {
+        struct {
+            nlmsghdr hdr;
+            ifaddrmsg ifa;
+        } msg = {{c.len, c.type, 0, 0, 0}, {c.family, 0, 0, 0, 1}};  // index 1: lo
+        EXPECT_EQ(nl_no_ra_handle(&msg.hdr), c.result) << c.line;
+        EXPECT_EQ(logged(std::string("] ") + c.line), 1u) << c.line;
+    }
+    EXPECT_EQ(nl_no_ra_handle(nullptr), -1);
+    EXPECT_EQ(RTM_NORA, 110);
+}
+
+// A real dump from the kernel, in a namespace of the test's own.
+TEST_F(Ims, RealDumpLogsEveryAddressAndTheFirstUsablePrefixBlankPadded) {
+    std::string why;
+    dmsim::IfaceDecl pdnet4{0, "pdnet4", {{"2001:db8:1:2::5", 64}}};
+    if (dmsim::enter_netns({pdnet4}, why) != dmsim::NetnsResult::kOk) GTEST_SKIP() << why;
+    const int sock = init_netlink_conn();
+    ASSERT_GE(sock, 0);
+    timeval limit = {5, 0};  // a missing reply fails the test instead of hanging it
+    ASSERT_EQ(setsockopt(sock, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof(limit)), 0);
+    EXPECT_EQ(send_netlink_msg(sock), 0);
+    EXPECT_EQ(recv_netlink_msg(sock), 0);
+    close(sock);
+    for (const char *line :
+         {"[DMGR-INF] Send the netlink message\n", "[DMGR-INF] Parsing reply message\n",
+          "address = ::1, prefix len = 128\n",
+          "if name = pdnet4, if index = ", "address = 2001:db8:1:2::5, prefix len = 64\n",
+          "[DMGR-INF] prefix : 20 1: db8: 0 1: 0 2::\n"}) {
+        EXPECT_EQ(logged(line), 1u) << line;
+    }
+    EXPECT_EQ(logged("recv fail"), 0u);
+    // A socket that takes no requests: the dump cannot be asked for.
+    EXPECT_EQ(send_netlink_msg(-1), -1);
+    EXPECT_EQ(recv_netlink_msg(-1), 0);
+    EXPECT_EQ(logged("[DMGR-ERR] send netlink message error\n"), 1u);
+    EXPECT_EQ(logged("[DMGR-ERR] recv_netlink_msg recv fail errno 9\n"), 1u);
+}
+
+}  // namespace
