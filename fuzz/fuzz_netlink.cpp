@@ -14,8 +14,7 @@
 #include <memory>
 
 #include "evfw_host/runtime.h"
-#include "fuzz/fuzz_support.h"
-#include "fuzz/inputs.h"
+#include "fuzz/fuzz.h"
 #include "ims/netlink_listener.h"
 
 namespace {

@@ -93,9 +93,11 @@ DM_EXPORT int32_t dm_data_call_list_changed_urc(void *ind, evfw_event_t *event);
 DM_EXPORT int32_t dm_dedicate_bearer_activated_urc(void *ind, evfw_event_t *event);
 DM_EXPORT int32_t dm_dedicate_bearer_modified_urc(void *ind, evfw_event_t *event);
 DM_EXPORT int32_t dm_dedicate_bearer_deactivated_urc(void *ind, evfw_event_t *event);
-DM_EXPORT int32_t dm_if_status_req(void *req, evfw_event_t *event);
-DM_EXPORT int32_t dm_if_rat_cell_info_req(void *req, evfw_event_t *event);
-DM_EXPORT int32_t dm_default_bearer_modified_urc(void *ind, evfw_event_t *event);
+// One routine under three names (noexcept, as everything of the library:
+// the names of one routine carry the same attributes).
+DM_EXPORT int32_t dm_if_status_req(void *req, evfw_event_t *event) noexcept;
+DM_EXPORT int32_t dm_if_rat_cell_info_req(void *req, evfw_event_t *event) noexcept;
+DM_EXPORT int32_t dm_default_bearer_modified_urc(void *ind, evfw_event_t *event) noexcept;
 
 }  // extern "C"
 

@@ -210,24 +210,30 @@ int32_t dm_get_global_ipv6_addr(const SetupDataCallResp *resp, const uint8_t pre
     return ret;
 }
 
-int32_t dm_ipv6_complete_for_query(const char *op, SetupDataCallResp *resp, ImsParaSlot *slot) {
+void dm_ipv6_complete_for_query(const char *op, SetupDataCallResp *resp, ImsParaSlot *slot) {
     uint8_t prefix[kIpv6AddrLen] = {};
     uint8_t addr[kIpv6AddrLen] = {};
     dm::FieldText ifname(resp->ifname);
 
     if (dm_get_ipv6_prefix(resp, 0, prefix) != 0) {
         DM_LOGE_AS(op, "get ipv6 prefix fail for %s\n", ifname.c_str());
-        if (resp->pdp_type == kPdpIpv6) return fail_ipv6_only(op, resp);
-        resp->pdp_type = kPdpIpv4;
-        DM_LOGE_AS(op, "%s fallback to IPv4\n", ifname.c_str());
-        return 0;
+        if (resp->pdp_type == kPdpIpv6) {
+            fail_ipv6_only(op, resp);
+        } else {
+            resp->pdp_type = kPdpIpv4;
+            DM_LOGE_AS(op, "%s fallback to IPv4\n", ifname.c_str());
+        }
+        return;
     }
     if (dm_get_global_ipv6_addr(resp, prefix, addr) != 0) {
         DM_LOGE_AS(op, "get ipv6 global address for %s fail\n", ifname.c_str());
-        if (resp->pdp_type == kPdpIpv6) return fail_ipv6_only(op, resp);
-        resp->pdp_type = kPdpIpv4;
-        DM_LOGE_AS(op, "fallback to IPv4\n");
-        return 0;
+        if (resp->pdp_type == kPdpIpv6) {
+            fail_ipv6_only(op, resp);
+        } else {
+            resp->pdp_type = kPdpIpv4;
+            DM_LOGE_AS(op, "fallback to IPv4\n");
+        }
+        return;
     }
 
     DM_LOGI_AS(op, "get ipv6 global address for %s success\n", ifname.c_str());
@@ -236,7 +242,6 @@ int32_t dm_ipv6_complete_for_query(const char *op, SetupDataCallResp *resp, ImsP
     memcpy(slot->saved_global_addr, addr, kIpv6AddrLen);
     DM_LOGD_AS(op, "saved ipv6 global address = " DM_IPV6_FMT "\n",
                DM_IPV6_BYTES(slot->saved_global_addr));
-    return 0;
 }
 
 int32_t dm_ipv6_complete_for_indication(const char *op, SetupDataCallResp *resp,

@@ -74,14 +74,14 @@ DM_EXPORT int32_t dm_get_global_ipv6_addr(const SetupDataCallResp *resp,
 // record's ipv6_addr and remember it in the slot's saved_global_addr; when
 // IPv6 cannot be completed an IPv4v6 record is downgraded to IPv4 (pdp_type
 // 0) and an IPv6-only record gets status -7.  `op` is the operation the lines
-// are logged for.  Result: 0 when the record may go out, -1 for an IPv6-only
-// record that failed.
+// are logged for.
 //
 // Query mode (the IMS manager asks for its PDN): always looks the address up
-// on the interface.
-int32_t dm_ipv6_complete_for_query(const char *op, SetupDataCallResp *resp, ImsParaSlot *slot);
+// on the interface; the record goes out whatever the outcome.
+void dm_ipv6_complete_for_query(const char *op, SetupDataCallResp *resp, ImsParaSlot *slot);
 // Indication mode (a data-call list change): reuses the saved address while
 // the prefix has not changed, and reads the interface only when it has.
+// -1 for an IPv6-only record that failed: the indication is not forwarded.
 int32_t dm_ipv6_complete_for_indication(const char *op, SetupDataCallResp *resp, ImsParaSlot *slot);
 
 #endif  // IMS_IPV6_ADDR_H

@@ -101,15 +101,14 @@ int32_t dm_dedicate_bearer_deactivated_urc(void *data, evfw_event_t *) {
 
 // Entry points kept for the daemon's other modules; nothing routes an event
 // to them.
-int32_t dm_if_status_req(void *, evfw_event_t *) {
+int32_t dm_if_status_req(void *, evfw_event_t *) noexcept {
     return 0;
 }
 
 extern "C" {
-// The same code under two more names.  The library throws nothing, which the
-// compiler knows of the target; the names say so too.
-int32_t dm_if_rat_cell_info_req(void *, evfw_event_t *)
-        __attribute__((alias("dm_if_status_req"), nothrow));
-int32_t dm_default_bearer_modified_urc(void *, evfw_event_t *)
-        __attribute__((alias("dm_if_status_req"), nothrow));
+// The same code under two more names.
+int32_t dm_if_rat_cell_info_req(void *, evfw_event_t *) noexcept
+        __attribute__((alias("dm_if_status_req")));
+int32_t dm_default_bearer_modified_urc(void *, evfw_event_t *) noexcept
+        __attribute__((alias("dm_if_status_req")));
 }

@@ -85,9 +85,9 @@ DM_EXPORT int32_t dm_deactivate_data_call_if_with_cause_req(void *req, evfw_even
                                                             int32_t cause);
 DM_EXPORT int32_t dm_notify_epdg_deactivate(void *req, evfw_event_t *event);
 DM_EXPORT int32_t dm_handover_req(void *req, evfw_event_t *event);
-DM_EXPORT int32_t dm_handover_resp(void *resp, evfw_event_t *event);
+DM_EXPORT int32_t dm_handover_resp(void *resp, evfw_event_t *event) noexcept;
 DM_EXPORT int32_t dm_set_initial_attach_apn_req(void *req, evfw_event_t *event);
-DM_EXPORT int32_t dm_set_initial_attach_apn_resp(void *resp, evfw_event_t *event);
+DM_EXPORT int32_t dm_set_initial_attach_apn_resp(void *resp, evfw_event_t *event) noexcept;
 
 // ---- relayed requests and their answers ----
 DM_EXPORT int32_t dm_setup_dedicate_data_call_req(void *req, evfw_event_t *event);

@@ -76,12 +76,12 @@ int32_t dm_handover_req(void *data, evfw_event_t *event) {
 
 // Serves both the handover answer (4053) and the initial-attach APN answer
 // (4031): nobody waits for either.
-int32_t dm_handover_resp(void *, evfw_event_t *) {
+int32_t dm_handover_resp(void *, evfw_event_t *) noexcept {
     return 0;
 }
 
-int32_t dm_set_initial_attach_apn_resp(void *resp, evfw_event_t *event)
-        __attribute__((alias("dm_handover_resp"), nothrow));
+int32_t dm_set_initial_attach_apn_resp(void *resp, evfw_event_t *event) noexcept
+        __attribute__((alias("dm_handover_resp")));
 
 int32_t dm_set_initial_attach_apn_req(void *data, evfw_event_t *event) {
     DM_LOGI("%s for event %u\n", __func__,

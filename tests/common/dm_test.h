@@ -11,6 +11,7 @@
 #include <string_view>
 #include <vector>
 
+#include "common/seams.h"
 #include "testkit/testkit.h"
 
 namespace dm_test {
@@ -22,6 +23,7 @@ class DmTest : public ::testing::Test {
     void TearDown() override {
         h.pump();
         EXPECT_EQ(dm::testkit::accounting_problems(h.rt()), "");
+        EXPECT_EQ(ifaddrs_outstanding(), ifaddrs_at_start_) << "getifaddrs lists not freed";
     }
     // Log lines that contain `text`.
     size_t logged(std::string_view text) const { return h.logs_containing(text).size(); }
@@ -33,6 +35,7 @@ class DmTest : public ::testing::Test {
     }
 
     dm::testkit::Harness h;
+    const long ifaddrs_at_start_ = ifaddrs_outstanding();
 };
 
 // A zeroed payload of `len` bytes with little-endian words written in.

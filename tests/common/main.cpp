@@ -9,7 +9,7 @@
 #include <cstring>
 #include <string>
 
-#include "common/fake_clock.h"
+#include "common/seams.h"
 #include "dati/dati.h"
 #include "entity/datamngr.h"
 #include "pdn/pdn_info.h"
@@ -42,7 +42,11 @@ int run_table(const char *path) {
     dmsim::Options options;
     options.linked = &links;
     options.final_check = [] {
-        return dm::testkit::accounting_problems(evfw_host::Runtime::instance());
+        std::string problems = dm::testkit::accounting_problems(evfw_host::Runtime::instance());
+        if (const long lists = dm_test::ifaddrs_outstanding(); lists != 0) {
+            problems += std::to_string(lists) + " getifaddrs lists not freed; ";
+        }
+        return problems;
     };
     dm::testkit::reset_library_state();
     dm_test::fake_clock::reset();

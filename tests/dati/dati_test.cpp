@@ -277,6 +277,40 @@ TEST_F(SelfTrigger, RequestCarriesTheCommandAndTheC2kOneIsDropped) {
     EXPECT_EQ(logged("[DMGR-INF] dm_atcmd_c2k_req AT+C2K?"), 1u);
     EXPECT_EQ(logged("dm_atcmd_resp unknown cookie 0x0"), 1u);
     EXPECT_EQ(dm_atcmd_resp(nullptr, nullptr), -1);
+    // The library's state reset (between harnesses) releases what is left.
+    dm::testkit::reset_library_state();
+    EXPECT_EQ(atcmd_pending, 0);
+    EXPECT_EQ(dati_atcmd_contexts_alive(), 0u);
+}
+
+// The URC routines are exported; their results are the callers' to read.
+TEST_F(Dati, UrcRoutinesTellWhatTheyDid) {
+    DataCallEntry entry = {0, 2, 4, 4, {}};
+    update_pdn_info(&entry, nullptr);
+    const struct {
+        int32_t (*fn)(char *, uint32_t, uint32_t, evfw_event_t *);
+        const char *text;
+        int32_t result;
+    } cases[] = {
+            {dm_handle_default_urc, "no plus", -1},
+            {dm_handle_default_urc, "+EAPNMOD: 1", -1},
+            {dm_handle_default_urc, "x+CGEV: NW DEACT", 0},
+            {default_urc_cgev, "+CGEV: ME PDN ACT 1", 0},
+            {default_urc_cgev, "+CGEV: DEACT", 0},
+            {default_urc_cgev_nw_deact, "+CGEV: NW PDN ACT 1", -1},
+            {default_urc_cgev_nw_deact, "+CGEV: NW PDN DEACT", -1},
+            {default_urc_cgev_nw_deact, "+CGEV: NW PDN DEACT 9", 0},
+            {default_urc_cgev_me_deact, "+CGEV: ME PDN DEACT", -1},
+            {default_urc_cgev_me_deact, "+CGEV: ME PDN DEACT 9", 0},
+            {default_urc_cgev_me_deact, "+CGEV: ME PDN DEACT 4", 0},
+    };
+    for (const auto &c : cases) {
+        std::string text = c.text;
+        EXPECT_EQ(c.fn(text.data(), 0, 0, nullptr), c.result) << c.text;
+    }
+    EXPECT_EQ(default_urc_cgev(nullptr, 0, 0, nullptr), -1);
+    EXPECT_EQ(dm_handle_default_urc(nullptr, 0, 0, nullptr), -1);
+    EXPECT_EQ(find_pdn_info_by_index(4)->active, 0u);
 }
 
 std::vector<std::string> g_hook_calls;

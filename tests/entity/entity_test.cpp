@@ -96,6 +96,7 @@ TEST_F(Lifecycle, InitThreadClearsThePdnTables) {
     update_pdn_info(&entry, nullptr);
     EXPECT_EQ(rt.run_threads(), 1u);
     EXPECT_EQ(find_pdn_info_by_cid(3), nullptr);
+    EXPECT_EQ(datamngr_init(nullptr), 0);
 }
 
 TEST_F(Lifecycle, UrcPrefixesOfTheOperatorAndTheDefaultTable) {

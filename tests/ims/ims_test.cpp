@@ -8,7 +8,7 @@
 #include <unistd.h>
 
 #include "common/dm_test.h"
-#include "common/fake_clock.h"
+#include "common/seams.h"
 #include "ims/ims_pdn.h"
 #include "ims/ipv6_addr.h"
 #include "ims/netlink_listener.h"
@@ -98,6 +98,10 @@ TEST_F(Ims, PrefixPropertyIsPolledUntilItComes) {
     EXPECT_EQ(dm_get_ipv6_prefix(resp.get(), 1, prefix), 0);
     EXPECT_EQ(logged("dm_get_ipv6_prefix_once_from_netd get prefix 2001:db8:5:: for pdnet5 \n"),
               1u);
+    EXPECT_EQ(dm_get_ipv6_prefix(resp.get(), 0, prefix), 0);
+    strcpy(resp->ifname, "pdnet6");  // no property: polled to the end
+    EXPECT_EQ(dm_get_ipv6_prefix(resp.get(), 0, prefix), -1);
+    EXPECT_EQ(logged("[DMGR-ERR] get ipv6 prefix fail for pdnet6\n"), 1u);
     // A global report with a zero prefix is refused without a word.
     memcpy(resp->ipv6_addr, ipv6("::2:0:0:1").data(), 16);
     h.clear();

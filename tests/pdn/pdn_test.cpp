@@ -181,6 +181,26 @@ TEST_F(Pdn, AnswerUnderAnUnknownIdGoesNowhere) {
     EXPECT_EQ(logged("SETUP DATA CALL"), 0u);
 }
 
+// Handlers whose results the dispatcher ignores still give them to other
+// callers of the library.
+TEST_F(Pdn, HandlersTellWhetherTheyActed) {
+    h.announce_ril();
+    Bytes fail_ind = dm_test::words(8, {{0, 5}});
+    EXPECT_EQ(dm_setup_data_call_fail_ind(fail_ind.data(), nullptr), -1);
+    rild_req_interface_id = 4;
+    evfw_event_t *event = evfw_event_alloc(nullptr);
+    EXPECT_EQ(dm_setup_data_call_fail_ind(fail_ind.data(), event), 0);
+    EXPECT_EQ(rild_req_interface_id, -1);
+    Bytes deact = dm_test::words(12, {{0, 3}});
+    EXPECT_EQ(dm_deactivate_data_call_req(deact.data(), event), -1);
+    deact = dm_test::words(12, {{0, UINT32_MAX}});
+    EXPECT_EQ(dm_deactivate_data_call_if_req(deact.data(), event), -1);
+    up(3, 6, 3);
+    deact = dm_test::words(12, {{0, 3}});
+    EXPECT_EQ(dm_deactivate_data_call_req(deact.data(), event), 0);
+    evfw_event_free(event);
+}
+
 // A query of the IMS manager parked in its slot (state 3, which no flow of
 // the data manager enters) is answered when the set-up answer arrives.
 TEST_F(Pdn, SetupAnswerReplaysAParkedQuery) {
@@ -374,8 +394,12 @@ TEST_F(Dns, WithoutARecordTheCommandStillRunsAndAddressesStayInTheBuffer) {
     cmd[sizeof(cmd) - 10] = '\0';
     EXPECT_EQ(append_ipv6_addr(cmd, kV6[1]), 0);
     EXPECT_EQ(std::string(cmd + sizeof(cmd) - 10), " fe80:000");
+    EXPECT_EQ(append_ipv4_addr(cmd, kV4[0]), 0);  // full: nothing more goes in
+    EXPECT_EQ(std::string(cmd + sizeof(cmd) - 10), " fe80:000");
     EXPECT_EQ(append_ipv4_addr(cmd, nullptr), -1);
+    EXPECT_EQ(append_ipv6_addr(cmd, nullptr), -1);
     EXPECT_EQ(logged("[DMGR-ERR] append_ipv4_addr no address\n"), 1u);
+    EXPECT_EQ(logged("[DMGR-ERR] append_ipv6_addr no address\n"), 1u);
 }
 
 }  // namespace
