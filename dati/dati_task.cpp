@@ -95,7 +95,6 @@ int send_from_dati(DatamngrEntity *entity, evfw_event_t *event, uint32_t to) {
 }
 
 void release_held(evfw_event_t **held) {
-    if (held == nullptr || *held == nullptr) return;
     evfw_event_free(*held);
     *held = nullptr;
 }

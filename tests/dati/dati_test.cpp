@@ -176,6 +176,38 @@ TEST_F(Dati, MalformedAndOverlongLinesStayInsideTheirEvents) {
     EXPECT_EQ(texts().size(), 6u);
 }
 
+// Each handler, called straight with a held reply, ends with 0 whatever it
+// did with the reply.
+TEST_F(Dati, HandlersReturnZero) {
+    to_dati(EVENT_DATAMNGR_ATCMD_RESP, nullptr, 0);  // the task sees its entity
+    const struct {
+        dati_atc_hdl_t hdl;
+        const char *params;
+    } cases[] = {{dati_cfun_assign_hdl, "1\r"},
+                 {dati_cfun_assign_hdl, "\r"},
+                 {dati_efun_assign_hdl, "1\r"},
+                 {dati_efun_assign_hdl, "\r"},
+                 {dati_egtype_assign_hdl, "1\r"},
+                 {dati_egtype_assign_hdl, "\r"},
+                 {dati_cgdcont_assign_hdl, "1,x,\"a\"\r"},
+                 {dati_cgdcont_assign_hdl, "1,\"IP\",\"a\"\r"},
+                 {dati_cgact_assign_hdl, "1,1\r"},
+                 {dati_cgact_assign_hdl, "0,0\r"},
+                 {dati_cgact_assign_hdl, "3,1\r"},
+                 {dati_cgact_assign_hdl, "1,9\r"},
+                 {dati_cgact_query_hdl, "\r"},
+                 {dati_vzwact_query_hdl, "\r"},
+                 {dati_vzwact_assign_hdl, "\r"},
+                 {dati_forge_urc_assign_hdl, "x\r"},
+                 {dati_bypass_query_hdl, "AT+X?\r"}};
+    for (const auto &c : cases) {
+        evfw_event_t *held = evfw_event_alloc(nullptr);
+        std::string params = c.params;
+        EXPECT_EQ(c.hdl(&dati_atc_tbl[5], params.data(), &held), 0) << c.params;
+        evfw_event_free(held);  // whatever a handler left in the slot
+    }
+}
+
 TEST_F(Dati, CgdcontAndCgactKeepTheirRowsAndCgactReleasesTheLockOnceMore) {
     at("AT+CGDCONT=9,\"IPV6\",\"internet\"\r");
     const AtPdpContext &row = h.entity()->at_pdp_ctx[1];
@@ -287,6 +319,8 @@ TEST_F(SelfTrigger, RequestCarriesTheCommandAndTheC2kOneIsDropped) {
 TEST_F(Dati, UrcRoutinesTellWhatTheyDid) {
     DataCallEntry entry = {0, 2, 4, 4, {}};
     update_pdn_info(&entry, nullptr);
+    entry.cid = 5;
+    update_pdn_info(&entry, nullptr);
     const struct {
         int32_t (*fn)(char *, uint32_t, uint32_t, evfw_event_t *);
         const char *text;
@@ -300,6 +334,7 @@ TEST_F(Dati, UrcRoutinesTellWhatTheyDid) {
             {default_urc_cgev_nw_deact, "+CGEV: NW PDN ACT 1", -1},
             {default_urc_cgev_nw_deact, "+CGEV: NW PDN DEACT", -1},
             {default_urc_cgev_nw_deact, "+CGEV: NW PDN DEACT 9", 0},
+            {default_urc_cgev_nw_deact, "+CGEV: NW PDN DEACT 5", 0},
             {default_urc_cgev_me_deact, "+CGEV: ME PDN DEACT", -1},
             {default_urc_cgev_me_deact, "+CGEV: ME PDN DEACT 9", 0},
             {default_urc_cgev_me_deact, "+CGEV: ME PDN DEACT 4", 0},

@@ -1,17 +1,14 @@
-// Deterministic routing: channels, order, ownership, drops, broadcast,
-// send-and-wait, the printed trace.
+// Entities and deterministic routing: load and exit, channels, order,
+// ownership, drops, broadcast, send-and-wait, the printed trace.
 #include <cerrno>
-#include <cstdio>
 
 #include "host_test_util.h"
 
 namespace host_test {
+
 namespace {
 
-using evfw_host::Peer;
-using evfw_host::Received;
-
-class RuntimeRouting : public EntityFixture {
+class Routing : public EntityFixture {
   protected:
     void SetUp() override {
         EntityFixture::SetUp();
@@ -22,85 +19,80 @@ class RuntimeRouting : public EntityFixture {
     Peer *ril = nullptr, *at = nullptr, *ims = nullptr;
 };
 
-TEST_F(RuntimeRouting, AnswerDerivedFromRequestTravelsBackToTheClient) {
-    // The main task answers with an event derived from the request and tells
-    // the RIL proxy with a fresh one.
+TEST_F(Routing, LoadRecordsTheStartUpAndHandlersGetTheirArguments) {
+    EXPECT_EQ(rt.calls(),
+              (std::vector<std::string>{"evfw_mutex_init", "evfw_task_init(41,402)",
+                                        "evfw_task_init(41,403)",
+                                        "evfw_connmngr_common_subscribe(402,4003,1)",
+                                        "evfw_atmngr_subscribe_urc(402,+CGEV,3006,4)",
+                                        "set_hdl(402)", "evfw_thrd_init", "evfw_thrd_start"}));
+    EXPECT_EQ(rt.subscriptions().at(0).event_id, 4003u);
+    EXPECT_EQ(rt.urc_subscriptions().at(0).prefix, "+CGEV");
+    ril->send(TASK_DATAMNGR_DATI_HDL, 2, nullptr, 0);
+    int later_priv = 0;
+    entity->priv = &later_priv;  // read at delivery
+    rt.pump();
+    EXPECT_EQ(fake.dati_priv, std::vector<void *>{&later_priv});
+    EXPECT_EQ(rt.run_threads(), 1u);
+    EXPECT_EQ(fake.wait_result, 0);
+}
+
+TEST_F(Routing, AnswerDerivedFromARequestTravelsBackToTheClient) {
     fake.on_main = [](evfw_task_t *task, evfw_event_t *req) {
         evfw_event_t *answer = evfw_event_alloc(req);
-        event_set_id(answer, EVENT_DATAMNGR_SETUP_DATA_CALL_RESP);
+        event_set_id(answer, 4004);
         EXPECT_EQ(evfw_context_common_send(task->ctx, answer, evfw_event_get_ext_id(req)), 0);
-        EXPECT_EQ(
-                evfw_task_send_event(task, make_event(EVENT_DATAMNGR_NOTIFICATION), TASK_RILDPROXY),
-                0);
+        EXPECT_EQ(evfw_task_send_event(task, make_event(4002), TASK_RILDPROXY), 0);
         evfw_event_free(req);
     };
-    ASSERT_EQ(ims->send(TASK_DATAMNGR, EVENT_DATAMNGR_SETUP_DATA_CALL_REQ, "ab", 2), 0);
+    ASSERT_EQ(ims->send(TASK_DATAMNGR, 4003, "ab", 2), 0);
+    EXPECT_TRUE(ims->received().empty()) << "no delivery before pump";
     EXPECT_EQ(rt.pump(), 3u);
     const auto tr = rt.trace();
     ASSERT_EQ(tr.size(), 3u);
     EXPECT_EQ(tr[0].ext_id, ims->id()) << "a fresh event takes the client's external id";
-    EXPECT_NE(tr[0].chnl, 0u);
-    EXPECT_EQ(tr[0].data, (std::vector<uint8_t>{'a', 'b'}));
-
+    EXPECT_EQ(tr[0].data, (Bytes{'a', 'b'}));
     const auto back = ims->received();
     ASSERT_EQ(back.size(), 1u);
-    EXPECT_EQ(back[0].from, TASK_DATAMNGR);
-    EXPECT_EQ(back[0].chnl, tr[0].chnl) << "the answer keeps the request's channel";
-    EXPECT_EQ(back[0].ext_id, ims->id());
+    EXPECT_EQ(std::tuple(back[0].from, back[0].chnl, back[0].ext_id),
+              std::tuple(uint32_t{TASK_DATAMNGR}, tr[0].chnl, ims->id()));
     const auto note = ril->received();
     ASSERT_EQ(note.size(), 1u);
     EXPECT_EQ(note[0].ext_id, 0u) << "a task's fresh event carries no external id";
-    EXPECT_NE(note[0].chnl, tr[0].chnl) << "but the task's own channel";
-    EXPECT_NE(note[0].chnl, 0u);
+    EXPECT_NE(note[0].chnl, tr[0].chnl);
     EXPECT_EQ(rt.live_events(), 0);
 }
 
-TEST_F(RuntimeRouting, SendsOnlyQueueAndPumpDeliversInOrderToTheirOwners) {
-    std::vector<uint32_t> at_got;
-    at->on_receive([&](Peer &, const Received &in) { at_got.push_back(in.event_id); });
-    std::vector<evfw_event_t *> kept;
-    fake.on_main = [&](evfw_task_t *, evfw_event_t *ev) { kept.push_back(ev); };
-    ril->send(TASK_ATMNGR, 2, nullptr, 0);
-    ril->send(TASK_DATAMNGR, 1, nullptr, 0);
-    ril->send(TASK_ATMNGR, 3, nullptr, 0);
-    EXPECT_TRUE(at_got.empty()) << "no delivery before pump";
-    EXPECT_EQ(rt.pump(), 3u);
-    EXPECT_EQ(at_got, (std::vector<uint32_t>{2, 3}));
-    ASSERT_EQ(kept.size(), 1u);
-    EXPECT_EQ(rt.live_events(), 1) << "a task handler owns its event, a peer's is freed";
-    evfw_event_free(kept[0]);
-    EXPECT_EQ(rt.bad_frees(), 0);
-}
-
-TEST_F(RuntimeRouting, UnknownDestinationIsTakenAndDropped) {
-    EXPECT_EQ(evfw_task_send_event(&fake.main, make_event(5, {1}), 999), 0);
-    const auto tr = rt.trace();
-    ASSERT_EQ(tr.size(), 1u);
-    EXPECT_TRUE(tr[0].dropped);
-    EXPECT_EQ(tr[0].to, 999u);
-    EXPECT_EQ(rt.live_events(), 0) << "the runtime frees a dropped event";
-}
-
-TEST_F(RuntimeRouting, FailedSendLeavesTheEventWithTheCaller) {
+TEST_F(Routing, FailedSendsLeaveTheEventWithTheCallerAndUnknownDestinationsDrop) {
     evfw_event_t *ev = make_event(1);
     evfw_task_t stranger{};
-    testing::internal::CaptureStderr();
     EXPECT_EQ(evfw_task_send_event(nullptr, ev, TASK_ATMNGR), -1);
     EXPECT_EQ(evfw_context_common_send(nullptr, ev, TASK_ATMNGR), -1);
-    EXPECT_EQ(evfw_task_send_event(&stranger, ev, TASK_ATMNGR), -1) << "task never initialised";
+    EXPECT_EQ(evfw_task_send_event(&stranger, ev, TASK_ATMNGR), -1);
     EXPECT_EQ(evfw_task_bcast_ext_event(nullptr, ev), -1);
+    EXPECT_EQ(evfw_task_bcast_ext_event(&stranger, ev), -1);
     EXPECT_EQ(evfw_task_send_recv_event(nullptr, ev, TASK_ATMNGR, nullptr, nullptr, 0), -1);
     EXPECT_EQ(evfw_task_send_event(&fake.main, nullptr, TASK_ATMNGR), -1);
-    testing::internal::GetCapturedStderr();
     EXPECT_EQ(rt.live_events(), 1);
     EXPECT_TRUE(rt.trace().empty());
-    evfw_event_free(ev);
-    EXPECT_EQ(rt.bad_frees(), 0);
+    EXPECT_EQ(evfw_task_send_event(&fake.main, ev, 999), 0);
+    ASSERT_EQ(rt.trace().size(), 1u);
+    EXPECT_TRUE(rt.trace()[0].dropped);
+    EXPECT_EQ(rt.live_events(), 0) << "the runtime frees a dropped event";
+    EXPECT_EQ(evfw_task_send_event(&fake.main, ev, TASK_ATMNGR), -1) << "not live any more";
+    EXPECT_EQ(rt.diagnostic_count(), 3);
 }
 
-TEST_F(RuntimeRouting, BroadcastSendsOneCopyPerClientAndConsumesTheOriginal) {
+TEST_F(EntityFixture, BroadcastWithoutClientsIsTracedAsDropped) {
+    EXPECT_EQ(evfw_task_bcast_ext_event(&fake.dati, make_event(4021)), 0);
+    ASSERT_EQ(rt.trace().size(), 1u);
+    EXPECT_TRUE(rt.trace()[0].dropped);
+    EXPECT_EQ(rt.live_events(), 0);
+}
+
+TEST_F(Routing, BroadcastSendsOneCopyPerClientAndConsumesTheOriginal) {
     auto &lan = rt.add_client("lanmngr");
-    std::vector<std::vector<uint8_t>> payloads;
+    std::vector<Bytes> payloads;
     auto keep = [&](Peer &, const Received &in) {
         payloads.emplace_back(in.data.begin(), in.data.end());
     };
@@ -108,40 +100,97 @@ TEST_F(RuntimeRouting, BroadcastSendsOneCopyPerClientAndConsumesTheOriginal) {
     lan.on_receive(keep);
     EXPECT_EQ(evfw_task_bcast_ext_event(&fake.main, make_event(4021, {4, 5, 6})), 0);
     rt.pump();
-    EXPECT_EQ(payloads, (std::vector<std::vector<uint8_t>>{{4, 5, 6}, {4, 5, 6}}));
+    EXPECT_EQ(payloads, (std::vector<Bytes>{{4, 5, 6}, {4, 5, 6}}));
     const auto tr = rt.trace();
     ASSERT_EQ(tr.size(), 2u);
-    EXPECT_EQ(tr[0].to, ims->id());
-    EXPECT_EQ(tr[1].to, lan.id());
-    EXPECT_EQ(tr[1].event_id, 4021u);
+    EXPECT_EQ(std::tuple(tr[0].to, tr[1].to), std::tuple(ims->id(), lan.id()));
     EXPECT_EQ(tr[0].chnl, tr[1].chnl) << "copies keep the route of the original";
     EXPECT_EQ(rt.live_events(), 0);
-    EXPECT_EQ(rt.events_allocated(), 3u);
 }
 
-TEST(RuntimeBroadcast, WithoutClientsIsTracedAsDropped) {
+TEST_F(Routing, UnloadExitsNewestFirstAndRemovesTheirTasks) {
+    static evfw_task_t second_task;
+    static std::vector<uint32_t> aux_got;
+    evfw_host::EntityAbi abi;
+    abi.init = [](evfw_entity_t *e) {
+        evfw_task_init(&second_task, 42, TASK_RB_SIM0);
+        return e;
+    };
+    abi.exit = [](evfw_entity_t *e) {
+        g_exit_order.push_back(e->name);
+        return e;
+    };
+    abi.ctx_handlers = {{TASK_DATAMNGR_AUX, [](evfw_context_t *, evfw_event_t *ev, void *) {
+                             aux_got.push_back(event_get_id(ev));
+                             evfw_event_free(ev);
+                             return 0;
+                         }}};
+    ASSERT_NE(rt.load("second", abi), nullptr);
+    ril->send(TASK_DATAMNGR_AUX, 7, nullptr, 0);
+    rt.pump();
+    EXPECT_EQ(aux_got, std::vector<uint32_t>{7}) << "the framework made the handler's task";
+    ril->send(TASK_DATAMNGR, 1, nullptr, 0);  // still queued at unload
+    rt.unload();
+    EXPECT_EQ(g_exit_order, (std::vector<std::string>{"second", "fake"}));
+    EXPECT_EQ(rt.live_events(), 0) << "events queued for removed tasks are freed";
+    rt.clear_trace();
+    for (uint32_t id : {TASK_DATAMNGR, TASK_RB_SIM0, TASK_DATAMNGR_AUX})
+        ril->send(id, 2, nullptr, 0);
+    for (const auto &e : rt.trace()) EXPECT_TRUE(e.dropped) << e.to;
+}
+
+TEST_F(Routing, TaskIdsAreUniqueAndExitOnce) {
+    evfw_task_t dup{};
+    EXPECT_EQ(evfw_task_init(&dup, 1, TASK_DATAMNGR), -1);
+    EXPECT_EQ(evfw_task_init(&dup, 1, EVFW_EXT_ID_BASE), -1);
+    EXPECT_THROW(rt.add_task(TASK_DATAMNGR), std::logic_error);
+    EXPECT_THROW(rt.add_task(EVFW_EXT_ID_BASE), std::invalid_argument);
+    EXPECT_EQ(evfw_task_exit(&fake.dati), 0);
+    EXPECT_EQ(evfw_task_exit(&fake.dati), -1);
+    Peer *reused = &rt.add_task(TASK_DATAMNGR_DATI_HDL);  // an exited task's id is free again
+    EXPECT_EQ(reused, rt.peer(TASK_DATAMNGR_DATI_HDL));
+    EXPECT_EQ(rt.peer(TASK_DATAMNGR), nullptr) << "an entity task is no peer";
+}
+
+TEST(Loading, FailuresLeaveNothingBehindAndGiveAReason) {
     Runtime &rt = Runtime::instance();
     rt.reset();
-    evfw_task_t task{};
-    ASSERT_EQ(evfw_task_init(&task, 1, TASK_DATAMNGR_AUX), 0);
-    EXPECT_EQ(evfw_task_bcast_ext_event(&task, make_event(5)), 0);
-    ASSERT_EQ(rt.trace().size(), 1u);
-    EXPECT_TRUE(rt.trace()[0].dropped);
-    EXPECT_EQ(rt.live_events(), 0);
+    rt.set_diag_echo(nullptr);
+    FakeEntity fake;
+    fake.fail_init = true;
+    g_fake = &fake;
+    EXPECT_EQ(rt.load("fake", fake_abi()), nullptr);
+    EXPECT_NE(rt.last_error().find("fake"), std::string::npos) << rt.last_error();
+    evfw_task_t again{};
+    EXPECT_EQ(evfw_task_init(&again, 1, TASK_DATAMNGR), 0) << "the failed entity's task is gone";
+    EXPECT_EQ(rt.run_threads(), 0u) << "and so is the thread routine it started";
+    g_fake = nullptr;
+    const struct {
+        const char *path, *init, *missing;
+        std::vector<std::pair<uint32_t, std::string>> ctx;
+    } cases[] = {{"/nonexistent/librvn_x.so", "init", "/nonexistent/librvn_x.so", {}},
+                 {"libm.so.6", "no_such_init", "no_such_init", {}},
+                 {"libm.so.6", "cos", "no_such_hdl", {{403, "no_such_hdl"}}}};
+    for (const auto &c : cases) {
+        EXPECT_EQ(rt.load_library(c.path, "x", c.init, "sin", c.ctx), nullptr);
+        EXPECT_NE(rt.last_error().find(c.missing), std::string::npos) << rt.last_error();
+    }
+    EXPECT_EQ(rt.load("empty", evfw_host::EntityAbi{}), nullptr);
     rt.reset();
+    EXPECT_FALSE(fake.exited) << "no exit for an entity that did not load";
 }
 
 // The main task, on a request, asks the AT manager and waits for the answer.
-class RuntimeSendRecv : public RuntimeRouting {
+class SendRecv : public Routing {
   protected:
     void SetUp() override {
-        RuntimeRouting::SetUp();
+        Routing::SetUp();
         fake.on_main = [this](evfw_task_t *task, evfw_event_t *ev) {
             max_depth = std::max(max_depth, ++depth);
-            if (event_get_id(ev) == EVENT_DATAMNGR_SETUP_DATA_CALL_REQ) {
+            if (event_get_id(ev) == 4003) {
                 const uint32_t want = EVENT_ATMNGR_ATCMD_RESP;
-                result = evfw_task_send_recv_event(task, make_event(EVENT_ATMNGR_ATCMD_REQ),
-                                                   TASK_ATMNGR, rx_cond_event_id, &want, 4);
+                result = evfw_task_send_recv_event(task, make_event(3002), TASK_ATMNGR,
+                                                   rx_cond_event_id, &want, 4);
                 ril_during_wait = ril_got;
             }
             evfw_event_free(ev);
@@ -151,9 +200,7 @@ class RuntimeSendRecv : public RuntimeRouting {
     int depth = 0, max_depth = 0, result = 1, ril_got = 0, ril_during_wait = 0;
 };
 
-TEST_F(RuntimeSendRecv, ReturnsOnTheAwaitedEventWhichIsDeliveredAfterwards) {
-    // The AT manager sends the waiting task something unrelated and passes
-    // the request on to the RIL proxy, which answers.
+TEST_F(SendRecv, ReturnsOnTheAwaitedEventWhichIsDeliveredAfterwards) {
     at->on_receive([](Peer &self, const Received &in) {
         self.send(TASK_DATAMNGR, EVENT_ATMNGR_NOTIFY, nullptr, 0);
         self.reply(in.event, TASK_RILDPROXY, 1, nullptr, 0);
@@ -162,63 +209,53 @@ TEST_F(RuntimeSendRecv, ReturnsOnTheAwaitedEventWhichIsDeliveredAfterwards) {
         ++ril_got;
         self.reply(in.event, TASK_DATAMNGR, EVENT_ATMNGR_ATCMD_RESP, nullptr, 0);
     });
-    ril->send(TASK_DATAMNGR, EVENT_DATAMNGR_SETUP_DATA_CALL_REQ, nullptr, 0);
+    ril->send(TASK_DATAMNGR, 4003, nullptr, 0);
     rt.pump();
     EXPECT_EQ(result, 0);
     EXPECT_EQ(max_depth, 1) << "the waiting handler must not be re-entered";
     EXPECT_EQ(ril_during_wait, 1) << "events for others are delivered during the wait";
-    EXPECT_EQ(fake.main_got, (std::vector<uint32_t>{EVENT_DATAMNGR_SETUP_DATA_CALL_REQ,
-                                                    EVENT_ATMNGR_NOTIFY, EVENT_ATMNGR_ATCMD_RESP}))
-            << "held events arrive afterwards, in order";
+    EXPECT_EQ(fake.main_got, (std::vector<uint32_t>{4003, 3008, 3004})) << "held events come after";
     EXPECT_EQ(rt.timeouts(), 0);
     EXPECT_EQ(rt.live_events(), 0);
 }
 
-TEST_F(RuntimeSendRecv, TimesOutWhenTheQueueRunsDry) {
-    at->on_receive([](Peer &self, const Received &) {
-        self.send(TASK_DATAMNGR, EVENT_ATMNGR_NOTIFY, nullptr, 0);  // not the awaited id
-    });
-    ril->send(TASK_DATAMNGR, EVENT_DATAMNGR_SETUP_DATA_CALL_REQ, nullptr, 0);
-    testing::internal::CaptureStderr();
+TEST_F(SendRecv, TimesOutWhenTheQueueRunsDry) {
+    at->on_receive(
+            [](Peer &self, const Received &) { self.send(TASK_DATAMNGR, 3008, nullptr, 0); });
+    ril->send(TASK_DATAMNGR, 4003, nullptr, 0);
     rt.pump();
-    const std::string err = testing::internal::GetCapturedStderr();
     EXPECT_EQ(result, -ETIMEDOUT);
     EXPECT_EQ(rt.timeouts(), 1);
-    EXPECT_EQ(err.rfind("evfw_host: ", 0), 0u) << err;
-    EXPECT_NE(err.find("EVENT_ATMNGR_ATCMD_RESP"), std::string::npos) << err;
-    EXPECT_EQ(fake.main_got.back(), EVENT_ATMNGR_NOTIFY) << "the held event still arrives";
-    EXPECT_EQ(rt.live_events(), 0);
-    const uint64_t wide = EVENT_ATMNGR_NOTIFY;
-    evfw_event_t *notify = make_event(EVENT_ATMNGR_NOTIFY);
+    EXPECT_NE(diags().find("waited for EVENT_ATMNGR_ATCMD_RESP(3004)"), std::string::npos)
+            << diags();
+    EXPECT_EQ(fake.main_got.back(), 3008u) << "the held event still arrives";
+    const uint64_t wide = 3008;
+    evfw_event_t *notify = make_event(3008);
     EXPECT_EQ(rx_cond_event_id(notify, &wide, sizeof wide), 0) << "the id is exactly 4 bytes";
     evfw_event_free(notify);
 }
 
-TEST_F(RuntimeRouting, PrintedTraceShowsRouteNamesBytesAndDrops) {
-    evfw_task_send_event(&fake.main, make_event(EVENT_ATMNGR_ATCMD_REQ, {1, 2, 0xff}), TASK_ATMNGR);
-    evfw_task_send_event(&fake.main, make_event(3002, std::vector<uint8_t>(40, 0xab)), TASK_ATMNGR);
+TEST_F(Routing, PrintedTraceShowsRoutesBytesDropsAndDiagnosticsInPlace) {
+    evfw_task_send_event(&fake.main, make_event(3002, {1, 2, 0xff}), TASK_ATMNGR);
+    evfw_task_send_event(&fake.main, make_event(3002, Bytes(40, 0xab)), TASK_ATMNGR);
+    fake.lock.unlock(&fake.lock);  // a diagnostic between the second and third send
     evfw_task_send_event(&fake.main, make_event(9), 999);
     rt.set_trace_data(false);
-    ims->send(TASK_ATMNGR, EVENT_DATAMNGR_NOTIFICATION, "xyz", 3);
-    char *buf = nullptr;
-    size_t size = 0;
-    FILE *out = open_memstream(&buf, &size);
-    rt.print_trace(out);
-    fclose(out);
-    const std::string text(buf, size);
-    free(buf);
+    ims->send(TASK_ATMNGR, 4002, "xyz", 3);
+    const std::string text = printed([&](FILE *out) { rt.print_trace(out); });
     std::string shown;
     for (int i = 0; i < 32; ++i) shown += "ab";
-    for (const std::string &line : std::vector<std::string>{
-                 "1 TASK_DATAMNGR(402) -> TASK_ATMNGR(302) EVENT_ATMNGR_ATCMD_REQ(3002) len=3 "
-                 "data=0102ff\n",
-                 "len=40 data=" + shown + "...\n",
-                 "UNKNOWN_CONTEXT(999) UNKNOWN_EVENT(9) len=0 (dropped)\n",
-                 "imsm_0(65536) -> TASK_ATMNGR(302) EVENT_DATAMNGR_NOTIFICATION(4002) len=3\n",
-         }) {
-        EXPECT_NE(text.find(line), std::string::npos) << line << " in:\n" << text;
-    }
-    EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 4);
+    EXPECT_EQ(text,
+              "   1 TASK_DATAMNGR(402) -> TASK_ATMNGR(302) EVENT_ATMNGR_ATCMD_REQ(3002) len=3 "
+              "data=0102ff\n"
+              "   2 TASK_DATAMNGR(402) -> TASK_ATMNGR(302) EVENT_ATMNGR_ATCMD_REQ(3002) len=40 "
+              "data=" +
+                      shown + "...\n     !! evfw_host: " + rt.diagnostics().at(0).text +
+                      "\n   3 TASK_DATAMNGR(402) -> UNKNOWN_CONTEXT(999) UNKNOWN_EVENT(9) len=0 "
+                      "(dropped)\n"
+                      "   4 imsm_0(65536) -> TASK_ATMNGR(302) EVENT_DATAMNGR_NOTIFICATION(4002) "
+                      "len=3\n");
+    EXPECT_EQ(rt.bad_unlocks(), 1);
 }
 
 }  // namespace

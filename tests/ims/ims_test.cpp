@@ -4,6 +4,7 @@
 // real address dump in a private network namespace.
 #include <arpa/inet.h>
 #include <linux/rtnetlink.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -297,6 +298,23 @@ TEST_F(Ims, NoRaMessageIsCheckedForTypeLengthAndFamily) {
     }
     EXPECT_EQ(nl_no_ra_handle(nullptr), -1);
     EXPECT_EQ(RTM_NORA, 110);
+}
+
+TEST_F(Ims, ListenerEndsWhenItsSocketCannotBeMade) {
+    rlimit old;
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &old), 0);
+    const rlimit none = {0, old.rlim_max};  // no descriptor more
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
+    const int32_t ran = dm_run_netlink_listener();
+    uint32_t type = 5566;
+    const int32_t asked = dm_netlink_listen_req(&type, nullptr);
+    setrlimit(RLIMIT_NOFILE, &old);
+    EXPECT_EQ(std::tuple(ran, asked, dm_netlink_listen_req(nullptr, nullptr)),
+              std::tuple(-1, 0, -1));
+    EXPECT_EQ(logged("[DMGR-ERR] init_netlink_conn open netlink socket error\n"), 2u);
+    EXPECT_EQ(logged("[DMGR-ERR] dm_run_netlink_listener init netlink socket fail\n"), 2u);
+    EXPECT_EQ(logged("[DMGR-INF] dm_netlink_listen_req type 5566\n"), 1u);
+    EXPECT_EQ(logged("[DMGR-ERR] dm_netlink_listen_req no request\n"), 1u);
 }
 
 // A real dump from the kernel, in a namespace of the test's own.

@@ -1,0 +1,182 @@
+// dmsim's scenario language: the record table (dotted field paths, the
+// values a scenario may write, the event -> record map against the data
+// manager's own length table) and the parser, with the refusal of malformed
+// scenarios naming the line and what was expected.
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "entity/datamngr.h"
+#include "pdn/pdn_info.h"
+#include "tools/dmsim/records.h"
+#include "tools/dmsim/scenario.h"
+
+namespace {
+
+using namespace dmsim;
+using Bytes = std::vector<uint8_t>;
+
+TEST(Records, FieldPathsResolveToTheWireOffsets) {
+    // Offsets written out from the wire layout, not taken from the structs.
+    const struct {
+        const char *record, *path;
+        size_t offset, size;
+        Kind kind;
+    } cases[] = {{"SetupDataCallReq", "apn", 256, 128, Kind::Text},
+                 {"SetupDataCallReq", "sim_id", 700, 1, Kind::U8},
+                 {"SetupDataCallResp", "ipv6_addr", 160, 16, Kind::Ipv6},
+                 {"SetupDataCallResp", "calls.10.interface_id", 252 + 10 * 3956 + 4, 4, Kind::U32},
+                 {"SetupDataCallResp", "extra_call.cid", 43772 + 12, 4, Kind::I32},
+                 {"DataCallListInd", "resp.calls.1.primary_cid", 4 + 252 + 3956 + 8, 4, Kind::U32},
+                 {"DedicateBearerInd", "sim_id", 3960, 4, Kind::U32},
+                 {"AtCmdResp", "text", 20, 4096, Kind::Text},
+                 {"PdnInfo", "owner", offsetof(PdnInfo, owner), sizeof(void *), Kind::Ptr}};
+    for (const auto &c : cases) {
+        FieldRef f;
+        std::string err;
+        ASSERT_TRUE(resolve_field(*find_record(c.record), c.path, f, err)) << err;
+        EXPECT_EQ(std::tuple(f.offset, f.size, f.kind), std::tuple(c.offset, c.size, c.kind))
+                << c.path;
+    }
+    const std::pair<const char *, const char *> bad[] = {
+            {"cid", "SetupDataCallResp has no field 'cid' (fields: word_0"},
+            {"calls.cid", "expected calls.<0..10>.<field>"},
+            {"calls.11.cid", "expected calls.<0..10>.<field>"},
+            {"calls.2", "is a DataCallEntry record: name one of its fields"},
+            {"status.x", "'status' is a u32, not a record"}};
+    for (auto [path, error] : bad) {
+        FieldRef f;
+        std::string err;
+        EXPECT_FALSE(resolve_field(*find_record("SetupDataCallResp"), path, f, err));
+        EXPECT_NE(err.find(error), std::string::npos) << err;
+    }
+}
+
+TEST(Records, ValuesEncodeLittleEndianOrAreRefused) {
+    const struct {
+        Kind kind;
+        size_t size;
+        const char *text;
+        bool quoted;
+        Bytes bytes;  // empty: refused
+    } cases[] = {{Kind::U32, 4, "4003", false, {0xa3, 0x0f, 0, 0}},
+                 {Kind::U32, 4, "0x10", false, {0x10, 0, 0, 0}},
+                 {Kind::U32, 4, "-7", false, {0xf9, 0xff, 0xff, 0xff}},
+                 {Kind::I32, 4, "4294967295", false, {0xff, 0xff, 0xff, 0xff}},
+                 {Kind::U32, 4, "4294967296", false, {}},
+                 {Kind::U8, 1, "-129", false, {}},
+                 {Kind::U32, 4, "12ab", false, {}},
+                 {Kind::U32, 4, "7", true, {}},
+                 {Kind::U32, 4, "hex:01020304", false, {1, 2, 3, 4}},
+                 {Kind::U32, 4, "hex:0102", false, {}},
+                 {Kind::Text, 4, "abcde", false, {}},
+                 {Kind::Bytes, 4, "hex:0a0b", false, {0x0a, 0x0b}},
+                 {Kind::Bytes, 4, "0a0b", false, {}},
+                 {Kind::Ipv4, 4, "10.0.0.1", false, {10, 0, 0, 1}},
+                 {Kind::Ipv6, 16, "2001:db8::g", false, {}},
+                 {Kind::Ptr, 8, "set", false, {1}},
+                 {Kind::Ptr, 8, "0", false, {}}};
+    for (const auto &c : cases) {
+        Bytes out;
+        std::string err;
+        EXPECT_EQ(encode_value(c.kind, c.size, c.text, c.quoted, out, err), !c.bytes.empty())
+                << c.text;
+        if (!c.bytes.empty()) {
+            EXPECT_EQ(out, c.bytes) << c.text;
+        }
+    }
+    const uint8_t field[8] = {'i', 'm', 's', 0, 'x', 0, 0, 0};
+    EXPECT_TRUE(value_matches(Kind::Text, field, 8, {'i', 'm', 's'}));
+    EXPECT_FALSE(value_matches(Kind::Text, field, 8, {'i', 'm'}));
+    EXPECT_FALSE(value_matches(Kind::Bytes, field, 3, {'i', 'm'})) << "bytes want zeros after";
+    EXPECT_TRUE(value_matches(Kind::Ptr, field, 8, {1}));
+    EXPECT_EQ(format_value(Kind::U32, Bytes{0xf9, 0xff, 0xff, 0xff}.data(), 4), "-7");
+    EXPECT_EQ(format_value(Kind::Text, field, 8), "\"ims\"");
+    EXPECT_EQ(format_value(Kind::Ptr, field + 5, 3), "null");
+}
+
+// A record an event carries by default must have the length the dispatcher
+// expects, or a scenario's plain send would be refused.
+TEST(Records, DefaultRecordsHaveTheLengthsTheDispatcherExpects) {
+    int checked = 0;
+    for (uint32_t id = 1; id < 10000; ++id) {
+        bool known = false;
+        const uint32_t expected = dm_expected_length(id, &known);
+        const RecordDesc *rec = default_record(id);
+        if (!known || rec == nullptr || rec->size == 0) continue;
+        EXPECT_EQ(rec->size, expected) << "event " << id << " " << rec->name;
+        ++checked;
+    }
+    EXPECT_GT(checked, 30);
+}
+
+TEST(Parser, StepsBuildTheirRecordsFieldByFieldOverZeros) {
+    Scenario sc;
+    std::string err;
+    ASSERT_TRUE(
+            parse_scenario("t.scn",
+                           "# comment\n"
+                           "client ims_test\n"
+                           "iface pdnet4 2001:db8::1/64 2001:db8::2\n"
+                           "send imsm_2 4003 apn=\"my apn\" interface_id=4 sim_id=2 @652:u8=0x7f\n"
+                           "send rb1 to dati 4065 text=\"AT\\r\"\n"
+                           "send ims_test 4003 len=8 @0=5\n"
+                           "expect-log count=2 a  b\\x21\n"
+                           "ril answer * pdp_type=2 calls.0.cid=9\n"
+                           "expect-pdn -1 owner=null\n",
+                           sc, err))
+            << err;
+    ASSERT_EQ(sc.steps.size(), 6u);
+    EXPECT_EQ(sc.steps[0].line, 4);
+    SetupDataCallReq req;
+    ASSERT_EQ(sc.steps[0].payload.build().size(), sizeof(req));
+    memcpy(&req, sc.steps[0].payload.build().data(), sizeof(req));
+    EXPECT_EQ(std::tuple(std::string(req.apn), req.interface_id, req.sim_id, req.opaque_652[0]),
+              std::tuple(std::string("my apn"), 4u, uint8_t{2}, uint8_t{0x7f}));
+    EXPECT_EQ(sc.steps[1].target, uint32_t{TASK_DATAMNGR_DATI_HDL});
+    EXPECT_EQ(sc.steps[1].payload.build(), (Bytes{'A', 'T', '\r', 0}));
+    EXPECT_EQ(sc.steps[2].payload.build(), (Bytes{5, 0, 0, 0, 0, 0, 0, 0}));
+    EXPECT_EQ(std::tuple(sc.steps[3].count, sc.steps[3].text), std::tuple(2, std::string("a  b!")));
+    EXPECT_EQ(std::tuple(sc.steps[4].iface, sc.steps[4].payload.assigns.size()),
+              std::tuple(-1, 2ul));
+    EXPECT_EQ(std::tuple(sc.steps[5].op, sc.steps[5].cid), std::tuple(Op::ExpectPdn, -1));
+    EXPECT_EQ(sc.clients, (std::vector<std::string>{"ims_test", "imsm_2"}));
+    ASSERT_EQ(sc.ifaces.size(), 1u);
+    EXPECT_EQ(sc.ifaces[0].addrs.at(1).prefix_len, 64);
+}
+
+TEST(Parser, MalformedScenariosAreRefusedNamingTheLineAndWhatWasExpected) {
+    const std::pair<const char *, const char *> cases[] = {
+            {"sned imsm_0 4003\n", "t.scn:1: unknown step 'sned'; expected one of:"},
+            {"\n\nsend imsm9 4003\n", "t.scn:3: unknown peer 'imsm9'; expected a task"},
+            {"send 402 4003\n", "t.scn:1: '402' is a task of the data manager"},
+            {"send imsm_0 EVENT_NOPE\n", "t.scn:1: expected an event id"},
+            {"send imsm_0 4003 apn=\"ims\n", "t.scn:1: unterminated double quote"},
+            {"send imsm_0 4003 interface_id=four\n", "t.scn:1: interface_id: expected an integer"},
+            {"send imsm_0 4003 SetupDataCallResp len=8\n",
+             "t.scn:1: len=8 contradicts SetupDataCallResp"},
+            {"send imsm_0 4013\n", "t.scn:1: event 4013 has no record by default"},
+            {"send imsm_0 4032 len=8 @6=1\n", "t.scn:1: @6 lies beyond the payload of 8 bytes"},
+            {"send imsm_0 to rildproxy 4003\n",
+             "t.scn:1: expected a task of the data manager after 'to'"},
+            {"announce rb0\n", "t.scn:1: expected announce <peer> <name>"},
+            {"expect-log count=x hello\n", "t.scn:1: expected expect-log count=<n>"},
+            {"expect-pdn x active=1\n", "t.scn:1: expected expect-pdn <cid>"},
+            {"expect-pdn 3 owner=7\n", "t.scn:1: owner: expected null or set"},
+            {"ril maybe\n", "t.scn:1: expected ril auto | ril off"},
+            {"urc +CGEV\\q\n", "t.scn:1: unknown escape \\q"},
+            {"expect-none rb0\niface pdnet4 2001:db8::1\n",
+             "t.scn:2: iface declares an interface before"},
+            {"client rildproxy\n", "t.scn:1: 'rildproxy' names a task"},
+            {"# nothing\n", "t.scn:1: the scenario has no steps"}};
+    for (auto [text, error] : cases) {
+        Scenario sc;
+        std::string err;
+        EXPECT_FALSE(parse_scenario("t.scn", text, sc, err)) << text;
+        EXPECT_EQ(err.rfind(error, 0), 0u) << err;
+    }
+}
+
+}  // namespace
