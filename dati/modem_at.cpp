@@ -160,30 +160,23 @@ int32_t dm_atcmd_resp(void *data, evfw_event_t *) {
     char text[kAtTextLen + 1];
     dati::copy_bounded(text, sizeof(text), resp->text, sizeof(resp->text));
 
+    // Only contexts that wait for their answer are listed: one answered
+    // already is gone, and its cookie is unknown like any other.
     SelfTriggerCtx *ctx;
-    int32_t state = kDone;
     int32_t pending = 0;
     {
         std::lock_guard<std::mutex> guard(g_ctx_mutex);
         ctx = find_context_locked(resp->cookie);
         if (ctx != nullptr) {
             pending = --atcmd_pending;
-            state = ctx->state;
-            if (state == kWaiting) {
-                ctx->state = kDone;
-                unlink_context_locked(ctx);
-            }
+            ctx->state = kDone;
+            unlink_context_locked(ctx);
         }
     }
     if (ctx == nullptr) {
         DM_LOGE("%s unknown cookie 0x%llx for resp result %d data %s", __func__,
                 static_cast<unsigned long long>(resp->cookie), static_cast<int>(resp->result),
                 text);
-        return -1;
-    }
-    if (state != kWaiting) {
-        DM_LOGE("%s invalid state %d for resp result %d data %s", __func__, state,
-                static_cast<int>(resp->result), text);
         return -1;
     }
     DM_LOGI("%s res:%u %s\b\b from %s\b\b priv %p pending %u", __func__, resp->result, text,
@@ -216,7 +209,7 @@ int32_t dm_handle_default_urc(char *text, uint32_t kind, uint32_t sim, evfw_even
     }
     for (const DefaultUrcEntry &row : kDefaultUrcTable) {
         if (strncmp(start, row.prefix, strlen(row.prefix)) == 0) {
-            return row.handler != nullptr ? row.handler(start, kind, sim, event) : -1;
+            return row.handler(start, kind, sim, event);
         }
     }
     DM_LOGI("%s unknown urc %s", __func__, text);

@@ -179,7 +179,6 @@ TEST_F(Dati, MalformedAndOverlongLinesStayInsideTheirEvents) {
 // Each handler, called straight with a held reply, ends with 0 whatever it
 // did with the reply.
 TEST_F(Dati, HandlersReturnZero) {
-    to_dati(EVENT_DATAMNGR_ATCMD_RESP, nullptr, 0);  // the task sees its entity
     const struct {
         dati_atc_hdl_t hdl;
         const char *params;
@@ -191,6 +190,7 @@ TEST_F(Dati, HandlersReturnZero) {
                  {dati_egtype_assign_hdl, "\r"},
                  {dati_cgdcont_assign_hdl, "1,x,\"a\"\r"},
                  {dati_cgdcont_assign_hdl, "1,\"IP\",\"a\"\r"},
+                 {dati_vzwact_assign_hdl, "1,x\r"},
                  {dati_cgact_assign_hdl, "1,1\r"},
                  {dati_cgact_assign_hdl, "0,0\r"},
                  {dati_cgact_assign_hdl, "3,1\r"},
@@ -200,12 +200,18 @@ TEST_F(Dati, HandlersReturnZero) {
                  {dati_vzwact_assign_hdl, "\r"},
                  {dati_forge_urc_assign_hdl, "x\r"},
                  {dati_bypass_query_hdl, "AT+X?\r"}};
-    for (const auto &c : cases) {
-        evfw_event_t *held = evfw_event_alloc(nullptr);
-        std::string params = c.params;
-        EXPECT_EQ(c.hdl(&dati_atc_tbl[5], params.data(), &held), 0) << c.params;
-        evfw_event_free(held);  // whatever a handler left in the slot
+    // First before the task has seen its entity, then after.
+    for (int round = 0; round < 2; ++round) {
+        for (const auto &c : cases) {
+            evfw_event_t *held = evfw_event_alloc(nullptr);
+            std::string params = c.params;
+            EXPECT_EQ(c.hdl(&dati_atc_tbl[5], params.data(), &held), 0) << c.params;
+            evfw_event_free(held);  // whatever a handler left in the slot
+        }
+        to_dati(EVENT_DATAMNGR_ATCMD_RESP, nullptr, 0);
     }
+    // The vzwact lines above hold the entity lock once each (deliberately).
+    h.entity()->lock.unlock(&h.entity()->lock);
 }
 
 TEST_F(Dati, CgdcontAndCgactKeepTheirRowsAndCgactReleasesTheLockOnceMore) {

@@ -83,20 +83,6 @@ TEST_F(Events, EachEventIsCountedUntilFreedOnceAndASecondFreeIsCaught) {
     evfw_event_free(sized);
 }
 
-TEST_F(Events, NamesComeFromTheRegistryAndTheClients) {
-    EXPECT_STREQ(event_get_name(4003), "EVENT_DATAMNGR_SETUP_DATA_CALL_REQ");
-    EXPECT_STREQ(event_get_name(1), "UNKNOWN_EVENT");
-    EXPECT_STREQ(context_get_name(TASK_ATI_ATC), "TASK_ATI_ATC");
-    EXPECT_STREQ(context_get_name(12345), "UNKNOWN_CONTEXT");
-    EXPECT_EQ(rt.add_client("imsm_0").id(), EVFW_EXT_ID_BASE);
-    EXPECT_EQ(rt.add_client("lanmngr").id(), EVFW_EXT_ID_BASE + 1);
-    const char *name = context_get_name(EVFW_EXT_ID_BASE + 1);
-    EXPECT_STREQ(name, "lanmngr");
-    rt.reset();
-    EXPECT_STREQ(context_get_name(EVFW_EXT_ID_BASE + 1), "UNKNOWN_CONTEXT");
-    EXPECT_STREQ(name, "lanmngr") << "a name handed out stays valid";
-}
-
 TEST_F(Events, ChannelBitsTellSameChannelAndSameClient) {
     std::vector<evfw_event_t *> kept;  // derived copies of what the RIL proxy got
     rt.add_task(TASK_RILDPROXY).on_receive([&](Peer &, const Received &in) {

@@ -19,50 +19,6 @@ class Routing : public EntityFixture {
     Peer *ril = nullptr, *at = nullptr, *ims = nullptr;
 };
 
-TEST_F(Routing, LoadRecordsTheStartUpAndHandlersGetTheirArguments) {
-    EXPECT_EQ(rt.calls(),
-              (std::vector<std::string>{"evfw_mutex_init", "evfw_task_init(41,402)",
-                                        "evfw_task_init(41,403)",
-                                        "evfw_connmngr_common_subscribe(402,4003,1)",
-                                        "evfw_atmngr_subscribe_urc(402,+CGEV,3006,4)",
-                                        "set_hdl(402)", "evfw_thrd_init", "evfw_thrd_start"}));
-    EXPECT_EQ(rt.subscriptions().at(0).event_id, 4003u);
-    EXPECT_EQ(rt.urc_subscriptions().at(0).prefix, "+CGEV");
-    ril->send(TASK_DATAMNGR_DATI_HDL, 2, nullptr, 0);
-    int later_priv = 0;
-    entity->priv = &later_priv;  // read at delivery
-    rt.pump();
-    EXPECT_EQ(fake.dati_priv, std::vector<void *>{&later_priv});
-    EXPECT_EQ(rt.run_threads(), 1u);
-    EXPECT_EQ(fake.wait_result, 0);
-}
-
-TEST_F(Routing, AnswerDerivedFromARequestTravelsBackToTheClient) {
-    fake.on_main = [](evfw_task_t *task, evfw_event_t *req) {
-        evfw_event_t *answer = evfw_event_alloc(req);
-        event_set_id(answer, 4004);
-        EXPECT_EQ(evfw_context_common_send(task->ctx, answer, evfw_event_get_ext_id(req)), 0);
-        EXPECT_EQ(evfw_task_send_event(task, make_event(4002), TASK_RILDPROXY), 0);
-        evfw_event_free(req);
-    };
-    ASSERT_EQ(ims->send(TASK_DATAMNGR, 4003, "ab", 2), 0);
-    EXPECT_TRUE(ims->received().empty()) << "no delivery before pump";
-    EXPECT_EQ(rt.pump(), 3u);
-    const auto tr = rt.trace();
-    ASSERT_EQ(tr.size(), 3u);
-    EXPECT_EQ(tr[0].ext_id, ims->id()) << "a fresh event takes the client's external id";
-    EXPECT_EQ(tr[0].data, (Bytes{'a', 'b'}));
-    const auto back = ims->received();
-    ASSERT_EQ(back.size(), 1u);
-    EXPECT_EQ(std::tuple(back[0].from, back[0].chnl, back[0].ext_id),
-              std::tuple(uint32_t{TASK_DATAMNGR}, tr[0].chnl, ims->id()));
-    const auto note = ril->received();
-    ASSERT_EQ(note.size(), 1u);
-    EXPECT_EQ(note[0].ext_id, 0u) << "a task's fresh event carries no external id";
-    EXPECT_NE(note[0].chnl, tr[0].chnl);
-    EXPECT_EQ(rt.live_events(), 0);
-}
-
 TEST_F(Routing, FailedSendsLeaveTheEventWithTheCallerAndUnknownDestinationsDrop) {
     evfw_event_t *ev = make_event(1);
     evfw_task_t stranger{};
@@ -87,24 +43,6 @@ TEST_F(EntityFixture, BroadcastWithoutClientsIsTracedAsDropped) {
     EXPECT_EQ(evfw_task_bcast_ext_event(&fake.dati, make_event(4021)), 0);
     ASSERT_EQ(rt.trace().size(), 1u);
     EXPECT_TRUE(rt.trace()[0].dropped);
-    EXPECT_EQ(rt.live_events(), 0);
-}
-
-TEST_F(Routing, BroadcastSendsOneCopyPerClientAndConsumesTheOriginal) {
-    auto &lan = rt.add_client("lanmngr");
-    std::vector<Bytes> payloads;
-    auto keep = [&](Peer &, const Received &in) {
-        payloads.emplace_back(in.data.begin(), in.data.end());
-    };
-    ims->on_receive(keep);
-    lan.on_receive(keep);
-    EXPECT_EQ(evfw_task_bcast_ext_event(&fake.main, make_event(4021, {4, 5, 6})), 0);
-    rt.pump();
-    EXPECT_EQ(payloads, (std::vector<Bytes>{{4, 5, 6}, {4, 5, 6}}));
-    const auto tr = rt.trace();
-    ASSERT_EQ(tr.size(), 2u);
-    EXPECT_EQ(std::tuple(tr[0].to, tr[1].to), std::tuple(ims->id(), lan.id()));
-    EXPECT_EQ(tr[0].chnl, tr[1].chnl) << "copies keep the route of the original";
     EXPECT_EQ(rt.live_events(), 0);
 }
 
@@ -199,25 +137,6 @@ class SendRecv : public Routing {
     }
     int depth = 0, max_depth = 0, result = 1, ril_got = 0, ril_during_wait = 0;
 };
-
-TEST_F(SendRecv, ReturnsOnTheAwaitedEventWhichIsDeliveredAfterwards) {
-    at->on_receive([](Peer &self, const Received &in) {
-        self.send(TASK_DATAMNGR, EVENT_ATMNGR_NOTIFY, nullptr, 0);
-        self.reply(in.event, TASK_RILDPROXY, 1, nullptr, 0);
-    });
-    ril->on_receive([this](Peer &self, const Received &in) {
-        ++ril_got;
-        self.reply(in.event, TASK_DATAMNGR, EVENT_ATMNGR_ATCMD_RESP, nullptr, 0);
-    });
-    ril->send(TASK_DATAMNGR, 4003, nullptr, 0);
-    rt.pump();
-    EXPECT_EQ(result, 0);
-    EXPECT_EQ(max_depth, 1) << "the waiting handler must not be re-entered";
-    EXPECT_EQ(ril_during_wait, 1) << "events for others are delivered during the wait";
-    EXPECT_EQ(fake.main_got, (std::vector<uint32_t>{4003, 3008, 3004})) << "held events come after";
-    EXPECT_EQ(rt.timeouts(), 0);
-    EXPECT_EQ(rt.live_events(), 0);
-}
 
 TEST_F(SendRecv, TimesOutWhenTheQueueRunsDry) {
     at->on_receive(
