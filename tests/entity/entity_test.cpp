@@ -11,6 +11,7 @@
 #include "entity/dm_log.h"
 #include "entity/dm_send.h"
 #include "entity/operator_hooks.h"
+#include "entity/pdn_state.h"
 #include "entity/task_info.h"
 #include "pdn/pdn_info.h"
 
@@ -252,6 +253,33 @@ TEST_F(Entity, SendsBeforeInitAreRefusedAndLeaveTheirEvent) {
     EXPECT_EQ(logged("[DMGR-ERR] dm_resp_to_external_channel before entity init"), 1u);
     EXPECT_EQ(h.rt().live_events(), 4);
     EXPECT_TRUE(h.rt().trace().empty());
+}
+
+// The routines other modules call report what they did.
+TEST_F(Entity, SendRoutinesAndServicesReportTheirResults) {
+    uint32_t word = 7;
+    evfw_event_t *source = evfw_event_alloc(nullptr);
+    EXPECT_EQ(dm_req_to_rild(&word, 4, source, 4019), 0);  // held: the RIL proxy is not ready
+    EXPECT_EQ(dm_queue_event_if_not_ready(&word, 4, source, 4019), 0);
+    h.announce_ril();
+    EXPECT_EQ(dm_flush_event(), 0);
+    EXPECT_EQ(dm_queue_event_if_not_ready(&word, 4, source, 4019), -1);
+    EXPECT_EQ(dm_req_to_rild(&word, 4, source, 4019), 0);
+    EXPECT_EQ(dm_req_to_self(&word, 4, source, 3008), 0);
+    EXPECT_EQ(dm_resp_to_external_channel(&word, 4, source, 4044), 0);
+    h.rt().set_property("ro.qpx_multiple_ims_support", "0");
+    EXPECT_EQ(dm_notify_to_imsm(&word, 4, 4021, 0), -1);  // imsm_0 never announced
+    h.announce(h.client("imsm_0"));
+    EXPECT_EQ(dm_notify_to_imsm(&word, 4, 4021, 0), 0);
+    evfw_event_free(source);
+    PdnStateReply reply = {};
+    EXPECT_EQ(datamngr_set_pdn_state(nullptr, &word, &reply), -1);
+    EXPECT_EQ(datamngr_set_pdn_state(h.entity(), &word, nullptr), -1);
+    EXPECT_EQ(datamngr_get_pdn_state(h.entity(), nullptr, &reply), -1);
+    EXPECT_EQ(logged("[DMGR-ERR] datamngr_set_pdn_state(): Invalid argument!!"), 2u);
+    EXPECT_EQ(logged("[DMGR-ERR] datamngr_get_pdn_state(): Invalid argument!!"), 1u);
+    h.pump();
+    EXPECT_EQ(h.sent_to(TASK_RILDPROXY, 4019).size(), 2u);
 }
 
 TEST_F(Entity, RegistryLookups) {
