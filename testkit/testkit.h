@@ -51,6 +51,13 @@ class Harness {
     Harness(const Harness &) = delete;
     Harness &operator=(const Harness &) = delete;
 
+    // Back to the state of a fresh load without loading anew: the library's
+    // tables reset (their events freed), the entity's own state as its init
+    // leaves it, and a new round of the runtime (Runtime::new_round), which
+    // reclaims every event still live.  Peers and their handlers stay.  For
+    // fuzzers, where a load per input would be the cost.
+    void restart();
+
     Runtime &rt() { return rt_; }
     const Runtime &rt() const { return rt_; }
     DatamngrEntity *entity() const;

@@ -661,7 +661,8 @@ void Core::reset(Mode m) {
         std::lock_guard lk(prop_mu);
         props_.clear();
     }
-    reset_diagnostics();
+    reset_diagnostics(true);
+    reset_faults();
     wait_ms = 2000;
     trace_on = true;
     trace_data = true;
@@ -669,8 +670,38 @@ void Core::reset(Mode m) {
     bad_unlocks_ = 0;
     timeouts_ = 0;
     last_error.clear();
-    event_store().new_generation();
+    event_store().new_generation(!keep_loaded());
     rvn_pid = getpid();
+}
+
+void Core::new_round() {
+    ItemQueue dropped;
+    {
+        std::lock_guard lk(mu);
+        std::swap(dropped, fifo);
+        for (auto &[id, c] : contexts) {
+            while (!c->q.empty()) {
+                dropped.push_back(c->q.front());
+                c->q.pop_front();
+            }
+        }
+    }
+    while (!dropped.empty()) {
+        evfw_event_free(dropped.front().ev);
+        dropped.pop_front();
+    }
+    clear_trace();
+    clear_logs();
+    {
+        std::lock_guard lk(prop_mu);
+        props_.clear();
+    }
+    reset_diagnostics(false);
+    reset_faults();
+    deliveries_ = 0;
+    bad_unlocks_ = 0;
+    timeouts_ = 0;
+    event_store().new_generation(true);
 }
 
 // ---- records and trace -------------------------------------------------------------------

@@ -17,15 +17,12 @@ int host_set_hdl(evfw_task_t *task, evfw_task_hdl_t hdl, void *arg) {
     return core().set_hdl(task, hdl, arg);
 }
 
-// EVFW_HOST_KEEP_LOADED=1: shared objects stay mapped until the process ends
-// (closing them only drops the reference), so that leak checkers run at exit
-// can still name their frames and see what their globals hold.
+}  // namespace
+
 bool keep_loaded() {
     const char *env = getenv("EVFW_HOST_KEEP_LOADED");
     return env != nullptr && strcmp(env, "1") == 0;
 }
-
-}  // namespace
 
 // The entity a new task belongs to: the one whose init runs on this thread,
 // else the loaded entity that calls itself entity_id.

@@ -1,9 +1,12 @@
 // Events: allocation with a recycle pool, the data block, routes, accounting.
 #include <cstdarg>
+#include <cstddef>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <new>
+
+#include <sanitizer/asan_interface.h>
 
 #include "internal.h"
 
@@ -38,6 +41,7 @@ DiagStore &diag_store() {
 }
 
 constinit std::atomic<uint64_t> g_last_trace_seq{0};
+constinit std::atomic<size_t> g_log_count{0};
 constinit std::atomic<long> g_diag_count{0};
 
 }  // namespace
@@ -50,6 +54,10 @@ void note_trace_seq(uint64_t seq) {
     g_last_trace_seq.store(seq, std::memory_order_relaxed);
 }
 
+void note_log_count(size_t count) {
+    g_log_count.store(count, std::memory_order_relaxed);
+}
+
 void diag(const char *fmt, ...) {
     char buf[512];
     va_list ap;
@@ -59,7 +67,8 @@ void diag(const char *fmt, ...) {
     ++g_diag_count;
     DiagStore &d = diag_store();
     std::lock_guard lk(d.mu);
-    d.list.push_back(Diagnostic{last_trace_seq(), buf});
+    d.list.push_back(
+            Diagnostic{last_trace_seq(), g_log_count.load(std::memory_order_relaxed), buf});
     // One write per line so that lines of concurrent threads do not mix.
     if (d.echo != nullptr) fprintf(d.echo, "evfw_host: %s\n", buf);
 }
@@ -80,14 +89,33 @@ void set_diag_echo(FILE *out) {
     d.echo = out;
 }
 
-void reset_diagnostics() {
+void reset_diagnostics(bool echo_to_stderr) {
     DiagStore &d = diag_store();
     std::lock_guard lk(d.mu);
     d.list.clear();
-    d.echo = stderr;
+    if (echo_to_stderr) d.echo = stderr;
     g_diag_count = 0;
     g_last_trace_seq = 0;
+    g_log_count = 0;
 }
+
+namespace {
+
+// Under AddressSanitizer a pooled event's fields and a stashed buffer are
+// poisoned until handed out again, so that a use after free is reported
+// although the memory is kept (without it these do nothing).  The state
+// word, which tells a second free, and the pool links stay readable.
+constexpr size_t kPoisonFrom = offsetof(evfw_event, id);
+constexpr size_t kPoisonLen = offsetof(evfw_event, next) - kPoisonFrom;
+
+void poison_pooled(evfw_event *ev) {
+    ASAN_POISON_MEMORY_REGION(reinterpret_cast<char *>(ev) + kPoisonFrom, kPoisonLen);
+}
+void unpoison_pooled(evfw_event *ev) {
+    ASAN_UNPOISON_MEMORY_REGION(reinterpret_cast<char *>(ev) + kPoisonFrom, kPoisonLen);
+}
+
+}  // namespace
 
 EventStore::~EventStore() {
     drain_pool();
@@ -112,6 +140,7 @@ void EventStore::drain_pool() {
     }
     while (list != nullptr) {
         evfw_event *next = list->next;
+        unpoison_pooled(list);
         free(list->buf);
         delete list;
         list = next;
@@ -150,6 +179,7 @@ bool EventStore::take_buffer(size_t need, uint8_t **buf, size_t *cap) {
     if (c.count == 0) return false;
     *buf = c.bufs[--c.count];
     *cap = size;
+    ASAN_UNPOISON_MEMORY_REGION(*buf, size);
     return true;
 }
 
@@ -161,26 +191,46 @@ void EventStore::give_buffer(uint8_t *buf, size_t cap) {
         BufferClass &c = classes_[k];
         if (c.count < kBuffersPerClass) {
             c.bufs[c.count++] = buf;
+            ASAN_POISON_MEMORY_REGION(buf, cap);
             return;
         }
     }
     free(buf);
 }
 
-evfw_event *EventStore::alloc() {
-    evfw_event *ev = nullptr;
-    if (pooling()) {
-        std::lock_guard lk(mu_);
-        ev = head_;
-        if (ev != nullptr) {
-            head_ = ev->next;
-            if (head_ == nullptr) tail_ = nullptr;
-        }
+void EventStore::link_live_locked(evfw_event *ev) {
+    ev->live_prev = nullptr;
+    ev->live_next = live_;
+    if (live_ != nullptr) live_->live_prev = ev;
+    live_ = ev;
+}
+
+void EventStore::unlink_live_locked(evfw_event *ev) {
+    if (ev->live_prev != nullptr) {
+        ev->live_prev->live_next = ev->live_next;
+    } else {
+        live_ = ev->live_next;
     }
-    if (ev == nullptr) {
+    if (ev->live_next != nullptr) ev->live_next->live_prev = ev->live_prev;
+    ev->live_prev = ev->live_next = nullptr;
+}
+
+evfw_event *EventStore::alloc() {
+    const bool pool = pooling();
+    std::unique_lock lk(mu_);
+    evfw_event *ev = pool ? head_ : nullptr;
+    if (ev != nullptr) {
+        head_ = ev->next;
+        if (head_ == nullptr) tail_ = nullptr;
+        unpoison_pooled(ev);
+    } else {
+        lk.unlock();
         ev = new (std::nothrow) evfw_event;
         if (ev == nullptr) return nullptr;
+        lk.lock();
     }
+    link_live_locked(ev);
+    lk.unlock();
     ev->gen = gen_.load(std::memory_order_relaxed);
     ev->id = 0;
     ev->chnl = 0;
@@ -188,8 +238,8 @@ evfw_event *EventStore::alloc() {
     ev->len = 0;
     ev->next = nullptr;
     ev->state.store(kEventLive, std::memory_order_release);
-    ++live_;
-    ++allocated_;
+    live_count_.fetch_add(1, std::memory_order_relaxed);
+    allocated_.fetch_add(1, std::memory_order_relaxed);
     return ev;
 }
 
@@ -202,10 +252,14 @@ void EventStore::release(evfw_event *ev) {
         return;
     }
     if (ev->gen == gen_.load(std::memory_order_relaxed)) {
-        --live_;
-        ++freed_;
+        live_count_.fetch_sub(1, std::memory_order_relaxed);
+        freed_.fetch_add(1, std::memory_order_relaxed);
     }
     if (!pooling()) {
+        {
+            std::lock_guard lk(mu_);
+            unlink_live_locked(ev);
+        }
         free(ev->buf);
         delete ev;
         return;
@@ -217,7 +271,9 @@ void EventStore::release(evfw_event *ev) {
     ev->len = 0;
     give_buffer(buf, cap);
     ev->next = nullptr;
+    poison_pooled(ev);
     std::lock_guard lk(mu_);
+    unlink_live_locked(ev);
     if (tail_ != nullptr) {
         tail_->next = ev;
     } else {
@@ -226,9 +282,18 @@ void EventStore::release(evfw_event *ev) {
     tail_ = ev;
 }
 
-void EventStore::new_generation() {
+void EventStore::new_generation(bool reclaim) {
     ++gen_;
-    live_ = 0;
+    while (reclaim) {
+        evfw_event *ev;
+        {
+            std::lock_guard lk(mu_);
+            ev = live_;
+        }
+        if (ev == nullptr) break;
+        release(ev);
+    }
+    live_count_ = 0;
     allocated_ = 0;
     freed_ = 0;
     bad_frees_ = 0;
@@ -256,6 +321,15 @@ using evfw_host::g_store;
 extern "C" {
 
 evfw_event_t *evfw_event_alloc(const evfw_event_t *source) {
+    if (evfw_host::fault(evfw_host::FaultCall::EventAlloc)) return nullptr;
+    return evfw_host::alloc_event(source);
+}
+
+}  // extern "C"
+
+namespace evfw_host {
+
+evfw_event *alloc_event(const evfw_event *source) {
     evfw_event *ev = g_store.alloc();
     if (ev != nullptr && source != nullptr) {
         ev->id = source->id;
@@ -264,6 +338,10 @@ evfw_event_t *evfw_event_alloc(const evfw_event_t *source) {
     }
     return ev;
 }
+
+}  // namespace evfw_host
+
+extern "C" {
 
 void evfw_event_free(evfw_event_t *event) {
     if (event != nullptr) g_store.release(event);

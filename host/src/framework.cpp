@@ -6,6 +6,7 @@
 #include "internal.h"
 
 using evfw_host::core;
+using evfw_host::FaultCall;
 
 namespace {
 
@@ -71,6 +72,7 @@ int host_thrd_start(evfw_thrd_t *thrd, evfw_thrd_fn_t fn, void *arg) {
 extern "C" {
 
 int evfw_task_init(evfw_task_t *task, uint32_t entity_id, uint32_t task_id) {
+    if (evfw_host::fault(FaultCall::TaskInit)) return -1;
     return core().task_init(task, entity_id, task_id);
 }
 
@@ -92,25 +94,34 @@ int evfw_atmngr_subscribe_urc(evfw_task_t *task, const char *prefix, uint32_t ev
 }
 
 int evfw_task_send_event(evfw_task_t *from, evfw_event_t *event, uint32_t task_id) {
+    if (evfw_host::fault(FaultCall::TaskSendEvent)) return -1;
     return core().send_from_task(from, event, task_id, "evfw_task_send_event");
 }
 
 int evfw_task_send_recv_event(evfw_task_t *from, evfw_event_t *event, uint32_t task_id,
                               evfw_rx_cond_t cond, const void *arg, size_t arg_len) {
+    if (evfw_host::fault(FaultCall::TaskSendRecvEvent)) {
+        // Sent, but the answer does not come in time.
+        const int r = core().send_from_task(from, event, task_id, "evfw_task_send_recv_event");
+        return r < 0 ? r : -ETIMEDOUT;
+    }
     return core().send_recv(from, event, task_id, cond, arg, arg_len);
 }
 
 int evfw_context_common_send(evfw_context_t *from, evfw_event_t *event, uint32_t to_id) {
+    if (evfw_host::fault(FaultCall::ContextCommonSend)) return -1;
     return core().send(from, event, to_id);
 }
 
 int evfw_task_bcast_ext_event(evfw_task_t *from, evfw_event_t *event) {
+    if (evfw_host::fault(FaultCall::TaskBcastExtEvent)) return -1;
     return core().bcast(from, event);
 }
 
 int evfw_mutex_init(evfw_mutex_t *mutex) {
     if (mutex == nullptr) return -1;
     core().record_call("evfw_mutex_init");
+    if (evfw_host::fault(FaultCall::MutexInit)) return -ENOMEM;
     auto *h = new (std::nothrow) HostMutex;
     if (h == nullptr) return -ENOMEM;
     mutex->lock = host_mutex_lock;
@@ -130,6 +141,10 @@ int evfw_mutex_exit(evfw_mutex_t *mutex) {
 int evfw_thrd_init(evfw_thrd_t *thrd) {
     if (thrd == nullptr) return -1;
     core().record_call("evfw_thrd_init");
+    if (evfw_host::fault(FaultCall::ThrdInit)) {
+        thrd->start = nullptr;  // not prepared
+        return -1;
+    }
     thrd->start = host_thrd_start;
     thrd->fw = nullptr;
     return 0;

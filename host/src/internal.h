@@ -43,9 +43,26 @@ struct evfw_event {
     size_t len = 0;
     size_t cap = 0;
     evfw_event *next = nullptr;  // recycle pool link
+    // Live list (EventStore), so that the events of a finished run can be
+    // reclaimed.
+    evfw_event *live_prev = nullptr;
+    evfw_event *live_next = nullptr;
 };
 
 namespace evfw_host {
+
+// Counts a call of the entity's to `call` and tells whether a fault plan
+// makes it fail (recorded as a diagnostic).  `status` receives the status a
+// failing system() returns.
+bool fault(FaultCall call, int *status = nullptr);
+void reset_faults();
+
+// EVFW_HOST_KEEP_LOADED=1: shared objects stay mapped until the process ends
+// (closing them only drops the reference), so that leak checkers run at exit
+// can still name their frames and see what their globals hold.  Their
+// globals then outlive a reset, and with them their pointers to events: the
+// events a run left are not reclaimed either.
+bool keep_loaded();
 
 // Runtime diagnostic: recorded (Runtime::diagnostics()) and echoed, by
 // default on stderr, prefixed "evfw_host: ".
@@ -53,13 +70,16 @@ void diag(const char *fmt, ...) __attribute__((__format__(printf, 1, 2)));
 std::vector<Diagnostic> diagnostics();
 long diagnostic_count();
 void set_diag_echo(FILE *out);
-// Forgets the recorded diagnostics and sets the echo back to stderr.
-void reset_diagnostics();
+// Forgets the recorded diagnostics; with `echo_to_stderr`, sets the echo
+// back to stderr, else keeps it.
+void reset_diagnostics(bool echo_to_stderr);
 // Sequence number of the last trace entry recorded, kept apart from the
 // trace so that a diagnostic raised while the runtime is torn down can still
 // be placed.
 uint64_t last_trace_seq();
 void note_trace_seq(uint64_t seq);
+// The number of log lines captured so far, for Diagnostic::after_log.
+void note_log_count(size_t count);
 
 // Allocation, recycling and accounting of events.  Constant-initialised, so
 // it exists before any other static object and outlives all of them.
@@ -74,10 +94,13 @@ class EventStore {
     void release(evfw_event *ev);
     // Starts a new accounting generation: counters restart from zero and
     // events allocated before no longer count as live (freeing them later
-    // is not counted either).  Re-reads EVFW_HOST_POOL.
-    void new_generation();
+    // is not counted either).  With `reclaim`, the events still live are
+    // freed first: whatever a finished run left behind (the leaks its
+    // behaviour prescribes) does not pile up over many runs.  Re-reads
+    // EVFW_HOST_POOL.
+    void new_generation(bool reclaim);
 
-    long live() const { return live_.load(); }
+    long live() const { return live_count_.load(); }
     uint64_t allocated() const { return allocated_.load(); }
     uint64_t freed() const { return freed_.load(); }
     long bad_frees() const { return bad_frees_.load(); }
@@ -103,12 +126,16 @@ class EventStore {
     };
     BufferClass classes_[kBufferClasses] = {};
 
+    void link_live_locked(evfw_event *ev);
+    void unlink_live_locked(evfw_event *ev);
+
     std::mutex mu_;
+    evfw_event *live_ = nullptr;    // the live list
     evfw_event *head_ = nullptr;    // oldest freed event: reused first, so a
     evfw_event *tail_ = nullptr;    // recently freed one stays recognisable
     std::atomic<int> pooling_{-1};  // -1: not read yet
     std::atomic<uint32_t> gen_{1};
-    std::atomic<long> live_{0};
+    std::atomic<long> live_count_{0};
     std::atomic<uint64_t> allocated_{0};
     std::atomic<uint64_t> freed_{0};
     std::atomic<long> bad_frees_{0};
@@ -122,6 +149,8 @@ inline bool event_is_live(const evfw_event *ev) {
 
 // A new event with the same id, data and route as `ev`; nullptr on failure.
 evfw_event *event_clone(const evfw_event *ev);
+// evfw_event_alloc without a fault plan: the runtime's own events (peers).
+evfw_event *alloc_event(const evfw_event *source);
 
 // Name of a context id: the registry's task names, the external clients'
 // names; never nullptr.
@@ -335,6 +364,7 @@ class Core {
     bool threaded() const { return mode.load() == Mode::Threaded; }
 
     void reset(Mode m);
+    void new_round();
 
     // ---- contexts ----
     int task_init(evfw_task_t *task, uint32_t entity_id, uint32_t task_id);
@@ -388,6 +418,7 @@ class Core {
     // ---- logs ----
     void log(int prio, const char *tag, const char *text);
     std::vector<LogLine> logs() const;
+    void for_each_log(const std::function<void(const LogLine &)> &visit) const;
     void clear_logs();
     void set_log_capture(bool capture);
     void set_log_echo(FILE *out);

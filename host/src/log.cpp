@@ -103,7 +103,10 @@ void Core::log(int prio, const char *tag, const char *text) {
         fputs(s.c_str(), log_echo);
         fflush(log_echo);
     }
-    if (log_capture) logs_.push_back(std::move(line));
+    if (log_capture) {
+        logs_.push_back(std::move(line));
+        note_log_count(logs_.size());
+    }
 }
 
 std::vector<LogLine> Core::logs() const {
@@ -111,9 +114,15 @@ std::vector<LogLine> Core::logs() const {
     return logs_;
 }
 
+void Core::for_each_log(const std::function<void(const LogLine &)> &visit) const {
+    std::lock_guard lk(log_mu);
+    for (const LogLine &line : logs_) visit(line);
+}
+
 void Core::clear_logs() {
     std::lock_guard lk(log_mu);
     logs_.clear();
+    note_log_count(0);
 }
 
 void Core::set_log_capture(bool capture) {

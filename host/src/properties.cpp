@@ -84,8 +84,8 @@ extern "C" int property_get(const char *key, char *value, const char *default_va
     char found[PROPERTY_VALUE_MAX];
     const char *src = default_value != nullptr ? default_value : "";
     // As on Android, a property set to the empty string reads as unset.
-    if (key != nullptr && evfw_host::core().get_property(key, found, sizeof found) &&
-        found[0] != '\0') {
+    if (key != nullptr && !evfw_host::fault(evfw_host::FaultCall::PropertyGet) &&
+        evfw_host::core().get_property(key, found, sizeof found) && found[0] != '\0') {
         src = found;
     }
     const size_t n = strnlen(src, PROPERTY_VALUE_MAX - 1);

@@ -21,6 +21,9 @@ Runtime &Runtime::instance() {
 void Runtime::reset(Mode mode) {
     impl_->core.reset(mode);
 }
+void Runtime::new_round() {
+    impl_->core.new_round();
+}
 Mode Runtime::mode() const {
     return impl_->core.mode.load();
 }
@@ -164,6 +167,9 @@ void Runtime::set_diag_echo(FILE *out) {
 std::vector<LogLine> Runtime::logs() const {
     return impl_->core.logs();
 }
+void Runtime::for_each_log(const std::function<void(const LogLine &)> &visit) const {
+    impl_->core.for_each_log(visit);
+}
 void Runtime::clear_logs() {
     impl_->core.clear_logs();
 }
@@ -207,18 +213,19 @@ int PeerImpl::send_event(evfw_event_t *ev, uint32_t to, uint32_t event_id, const
         evfw_event_free(ev);
         return -1;
     }
-    const int r = evfw_context_common_send(ctx_, ev, to);
+    // The runtime's own calls: no fault plan applies to a peer.
+    const int r = core().send(ctx_, ev, to);
     if (r < 0) evfw_event_free(ev);
     return r;
 }
 
 int PeerImpl::send(uint32_t to, uint32_t event_id, const void *data, size_t len) {
-    return send_event(evfw_event_alloc(nullptr), to, event_id, data, len);
+    return send_event(alloc_event(nullptr), to, event_id, data, len);
 }
 
 int PeerImpl::reply(const evfw_event_t *request, uint32_t to, uint32_t event_id, const void *data,
                     size_t len) {
-    return send_event(evfw_event_alloc(request), to, event_id, data, len);
+    return send_event(alloc_event(request), to, event_id, data, len);
 }
 
 std::vector<TraceEntry> PeerImpl::received() const {

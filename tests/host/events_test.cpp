@@ -63,12 +63,14 @@ TEST_F(Events, EachEventIsCountedUntilFreedOnceAndASecondFreeIsCaught) {
     evfw_event_free(b);
     EXPECT_EQ(std::tuple(rt.live_events(), rt.events_allocated(), rt.events_freed()),
               std::tuple(0L, 2ULL, 2ULL));
-    // An event of the previous run is neither counted nor a bad free.
-    evfw_event_t *old = evfw_event_alloc(nullptr);
-    rt.reset();
-    evfw_event_free(old);
-    EXPECT_EQ(std::tuple(rt.live_events(), rt.events_freed(), rt.bad_frees()),
-              std::tuple(0L, 0ULL, 0L));
+    // What a run left is reclaimed when the next starts, as a new round too.
+    for (auto next : {+[](Runtime &r) { r.reset(); }, +[](Runtime &r) { r.new_round(); }}) {
+        evfw_event_t *old = evfw_event_alloc(nullptr);
+        next(rt);
+        EXPECT_FALSE(evfw_host::event_is_live(old));
+        EXPECT_EQ(std::tuple(rt.live_events(), rt.events_freed(), rt.bad_frees()),
+                  std::tuple(0L, 0ULL, 0L));
+    }
     // A recycled event comes without the block of its last use; a later
     // event of the same size class takes that block.
     Bytes big(47876, 0x5a);
@@ -122,6 +124,69 @@ std::vector<uint32_t> contents(const ItemQueue &q) {
     std::vector<uint32_t> out;
     for (const Item &i : q) out.push_back(i.from);
     return out;
+}
+
+#if defined(__SANITIZE_ADDRESS__)
+#define HOST_TEST_ASAN 1
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#define HOST_TEST_ASAN 1
+#endif
+#endif
+
+#ifdef HOST_TEST_ASAN
+// The pool keeps freed events and their blocks; under ASan it poisons them,
+// so that a use after free is still reported (the fuzzers rely on it).
+TEST_F(Events, PooledEventsAreOutOfBoundsUntilHandedOutAgain) {
+    auto use_after_free = [](bool block) {
+        setenv("EVFW_HOST_POOL", "1", 1);
+        Runtime::instance().reset();
+        evfw_event_t *ev = make_event(7, Bytes(100, 1));
+        auto *data = static_cast<volatile uint8_t *>(event_get_data(ev, 0, nullptr));
+        evfw_event_free(ev);
+        if (block) std::exit(data[0]);
+        std::exit(static_cast<int>(event_get_id(ev)));
+    };
+    EXPECT_DEATH(use_after_free(false), "use-after-poison");
+    EXPECT_DEATH(use_after_free(true), "use-after-poison");
+}
+#endif
+
+// Which of ten allocations a fault plan fails, as a string of '.' and 'x'.
+std::string failures(Runtime &rt, const std::vector<std::string> &plans) {
+    rt.reset();
+    std::string error;
+    for (const std::string &p : plans) EXPECT_TRUE(rt.add_fault(p, error)) << error;
+    std::string out;
+    for (int i = 0; i < 10; ++i) {
+        evfw_event_t *ev = evfw_event_alloc(nullptr);
+        out += ev == nullptr ? 'x' : '.';
+        evfw_event_free(ev);
+    }
+    return out;
+}
+
+TEST_F(Events, FaultPlansFailTheNthCallOnwardOrByChanceAndSayWhere) {
+    Runtime &rt = Runtime::instance();
+    rt.set_diag_echo(nullptr);
+    EXPECT_EQ(failures(rt, {"evfw_event_alloc:3"}), "..x.......");
+    EXPECT_EQ(rt.diagnostics().back().text, "fault plan: evfw_event_alloc call 3 fails");
+    EXPECT_EQ(failures(rt, {"evfw_event_alloc:2", "evfw_event_alloc:8-"}), ".x.....xxx");
+    EXPECT_EQ(std::tuple(rt.calls(evfw_host::FaultCall::EventAlloc),
+                         rt.faults(evfw_host::FaultCall::EventAlloc)),
+              std::tuple(10u, 4u));
+    // The same seed, the same calls; another seed, others.
+    const std::string chance = failures(rt, {"evfw_event_alloc:p0.5/7"});
+    EXPECT_EQ(failures(rt, {"evfw_event_alloc:p0.5/7"}), chance);
+    EXPECT_NE(failures(rt, {"evfw_event_alloc:p0.5/8"}), chance);
+    EXPECT_EQ(failures(rt, {"evfw_event_alloc:p1"}), "xxxxxxxxxx");
+    // Cleared, or another call's plan: nothing fails.
+    EXPECT_EQ(failures(rt, {"send:1-"}), "..........");
+    ASSERT_EQ(failures(rt, {"evfw_event_alloc:1-"}), "xxxxxxxxxx");
+    rt.clear_faults();
+    evfw_event_free(evfw_event_alloc(nullptr));
+    EXPECT_EQ(rt.faults(evfw_host::FaultCall::EventAlloc), 10u);
+    rt.reset();
 }
 
 // n items after `offset` pushed and popped, so that the front sits `offset`

@@ -108,6 +108,28 @@ TEST_F(DmsimTest, UsageScenarioAndEnvironmentErrorsHaveTheirOwnStatus) {
     EXPECT_NE(r.err.find("dlopen " + lib_), std::string::npos) << r.err;
 }
 
+TEST_F(DmsimTest, FaultPlanShowsInItsPlaceAndLaterStepsAreStillServed) {
+    const std::string path = write("f.scn", std::string(kPdnState) +
+                                                    "send lanmngr 4060 pdn_id=5\n"
+                                                    "expect lanmngr 4061 pdn_id=5 state=65540\n");
+    Result r = dmsim("--fail evfw_context_common_send:1 --trace " + dir_ + "/t.txt run " + path);
+    EXPECT_EQ(r.status, 1) << r.out << r.err;
+    EXPECT_NE(r.out.find("(4060) 136 B  pdn_id=4\n"
+                         "   !! evfw_host: fault plan: evfw_context_common_send call 1 fails\n"
+                         "   FAIL " +
+                         path + ":4"),
+              std::string::npos)
+            << r.out;
+    EXPECT_NE(r.out.find("PASS " + path + ":6"), std::string::npos) << r.out;
+    EXPECT_NE(read(dir_ + "/t.txt").find("!! evfw_host: fault plan: evfw_context_common_send"),
+              std::string::npos);
+    for (const char *plan : {"frobnicate:1", "send", "send:0", "recv:p2", "bind:1=-1"}) {
+        r = dmsim(std::string("--fail ") + plan + " run " + path);
+        EXPECT_EQ(r.status, 2) << plan;
+        EXPECT_NE(r.err.find(std::string("fault plan '") + plan + "'"), std::string::npos) << r.err;
+    }
+}
+
 TEST_F(DmsimTest, SeveralScenariosRunApartWithTheirFilesAndTheWorstStatusWins) {
     const std::string ok = write("ok.scn", kPdnState);
     const std::string bad = write("bad.scn", std::string(kPdnState) + "expect lanmngr 4059\n");

@@ -67,6 +67,18 @@ options:
   --unprivileged-exit N
                    exit status when --netns lacks the privileges (default 3;
                    the CTest registration uses 77, CTest's "skipped")
+  --fail PLAN      make a call the library imports fail, PLAN being
+                   CALL:N (its Nth call), CALL:N- (the Nth and every later
+                   one) or CALL:pP[/SEED] (each call with probability P);
+                   system takes =STATUS after N (default 256, or -1).  CALL
+                   is one of evfw_event_alloc, evfw_task_send_event,
+                   evfw_context_common_send, evfw_task_bcast_ext_event,
+                   evfw_task_send_recv_event (sent, then the wait times out),
+                   evfw_mutex_init, evfw_thrd_init, evfw_task_init,
+                   property_get (absent), getifaddrs, if_indextoname, socket,
+                   bind, send, recv, system.  Repeatable; calls are counted
+                   from the library's load, and each failure shows in the
+                   trace ("!! evfw_host: fault plan: ...")
   --repeat N       (run, one scenario) runs the scenario N times in this
                    process, each time with a fresh runtime and the library
                    loaded anew (--netns: one namespace for all of them).  Only
@@ -311,7 +323,7 @@ int main(int argc, char **argv) {
             std::printf(kHelp, DMSIM_DEFAULT_LIB);
             return kExitPass;
         } else if (arg == "--lib" || arg == "--trace" || arg == "--diagram" ||
-                   arg == "--unprivileged-exit" || arg == "--repeat") {
+                   arg == "--unprivileged-exit" || arg == "--repeat" || arg == "--fail") {
             const char *v = value();
             if (v == nullptr) return usage_error(arg + " needs a value");
             if (arg == "--lib") {
@@ -320,6 +332,13 @@ int main(int argc, char **argv) {
                 a.opt.trace_path = v;
             } else if (arg == "--diagram") {
                 a.opt.diagram_path = v;
+            } else if (arg == "--fail") {
+                std::string error;
+                evfw_host::Runtime &rt = evfw_host::Runtime::instance();
+                const bool ok = rt.add_fault(v, error);
+                rt.clear_faults();
+                if (!ok) return usage_error(error);
+                a.opt.faults.emplace_back(v);
             } else if (arg == "--repeat") {
                 char *end = nullptr;
                 long n = std::strtol(v, &end, 10);

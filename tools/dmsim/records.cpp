@@ -632,13 +632,16 @@ bool value_matches(Kind kind, const uint8_t *bytes, size_t size,
                    const std::vector<uint8_t> &value) {
     if (kind == Kind::Text) {
         const size_t n = strnlen(reinterpret_cast<const char *>(bytes), size);
-        return n == value.size() && std::memcmp(bytes, value.data(), n) == 0;
+        return n == value.size() && (n == 0 || std::memcmp(bytes, value.data(), n) == 0);
     }
     if (kind == Kind::Ptr) {
         const bool set = std::any_of(bytes, bytes + size, [](uint8_t b) { return b != 0; });
         return value.size() == 1 && set == (value[0] != 0);
     }
-    if (value.size() > size || std::memcmp(bytes, value.data(), value.size()) != 0) return false;
+    if (value.size() > size ||
+        (!value.empty() && std::memcmp(bytes, value.data(), value.size()) != 0)) {
+        return false;
+    }
     for (size_t i = value.size(); i < size; ++i) {
         if (bytes[i] != 0) return false;
     }

@@ -146,6 +146,9 @@ bool Sim::start(const std::vector<std::string> &clients, std::string &error) {
     rt_.reset(deterministic() ? evfw_host::Mode::Deterministic : evfw_host::Mode::Threaded);
     rt_.set_trace_data(true);
     rt_.set_diag_echo(nullptr);
+    for (const std::string &spec : opt_.faults) {
+        if (!rt_.add_fault(spec, error)) return false;
+    }
     if (!load(error)) return false;
 
     for (uint32_t id : kStandardTasks) {
@@ -166,6 +169,8 @@ bool Sim::start(const std::vector<std::string> &clients, std::string &error) {
 
 bool Sim::wait_for_init() {
     // The init thread resets the PDN tables; nothing may run before it has.
+    // A fault plan may have kept it from starting at all.
+    if (rt_.faults(evfw_host::FaultCall::ThrdInit) != 0) return true;
     const auto until = std::chrono::steady_clock::now() + std::chrono::seconds(5);
     while (std::chrono::steady_clock::now() < until) {
         for (const LogLine &l : rt_.logs()) {
@@ -517,6 +522,10 @@ std::string Sim::expect_pdn(const Step &s) {
     return check_fields(s.payload, reinterpret_cast<const uint8_t *>(row), pdn_row_record().size);
 }
 
+void Sim::consume_all() {
+    for (const TraceEntry &e : rt_.trace()) consumed_.insert(e.seq);
+}
+
 std::string Sim::expect_none(const Step &s) {
     Peer &p = peer(s.peer);
     auto got = unconsumed(p.id(), s.event_id);
@@ -559,20 +568,8 @@ std::string Sim::expect_log(const std::string &text, int count) {
 
 // ---- a scenario --------------------------------------------------------------------
 
-int run_scenario(const Scenario &sc, const Options &options, FILE *out) {
-    std::fprintf(out, "== %s%s%s\n", sc.file.c_str(), sc.title.empty() ? "" : ": ",
-                 sc.title.c_str());
-    Sim sim(options, out);
-    std::string error;
-    if (!sim.start(sc.clients, error)) {
-        std::fprintf(stderr, "dmsim: %s: %s\n", sc.file.c_str(), error.c_str());
-        return kExitEnv;
-    }
-    sim.new_trace();  // the start-up is not part of the scenario's output
-    sim.print_diagnostics(out);
-    if (options.log) sim.print_logs(out);
-    int expectations = 0;
-    int failed = 0;
+StepResult run_steps(Sim &sim, const Scenario &sc, bool log, FILE *out) {
+    StepResult result;
     for (const Step &s : sc.steps) {
         if (sc.is_expectation(s)) {
             std::string why;
@@ -602,11 +599,11 @@ int run_scenario(const Scenario &sc, const Options &options, FILE *out) {
                 default:
                     break;
             }
-            ++expectations;
+            ++result.expectations;
             if (why.empty()) {
                 std::fprintf(out, "   PASS %s:%d  %s\n", sc.file.c_str(), s.line, s.source.c_str());
             } else {
-                ++failed;
+                ++result.failed;
                 std::fprintf(out, "   FAIL %s:%d  %s\n        %s\n", sc.file.c_str(), s.line,
                              s.source.c_str(), why.c_str());
             }
@@ -661,11 +658,27 @@ int run_scenario(const Scenario &sc, const Options &options, FILE *out) {
         sim.settle();
         for (const TraceEntry &e : sim.new_trace()) sim.print_entry(e, out);
         sim.print_diagnostics(out);
-        if (options.log) sim.print_logs(out);
+        if (log) sim.print_logs(out);
     }
+    return result;
+}
+
+int run_scenario(const Scenario &sc, const Options &options, FILE *out) {
+    std::fprintf(out, "== %s%s%s\n", sc.file.c_str(), sc.title.empty() ? "" : ": ",
+                 sc.title.c_str());
+    Sim sim(options, out);
+    std::string error;
+    if (!sim.start(sc.clients, error)) {
+        std::fprintf(stderr, "dmsim: %s: %s\n", sc.file.c_str(), error.c_str());
+        return kExitEnv;
+    }
+    sim.new_trace();  // the start-up is not part of the scenario's output
+    sim.print_diagnostics(out);
+    if (options.log) sim.print_logs(out);
+    auto [expectations, failed] = run_steps(sim, sc, options.log, out);
     if (options.final_check) {
         ++expectations;
-        if (std::string why = options.final_check(); !why.empty()) {
+        if (std::string why = options.final_check(sim); !why.empty()) {
             ++failed;
             std::fprintf(out, "   FAIL %s: at the end: %s\n", sc.file.c_str(), why.c_str());
         }

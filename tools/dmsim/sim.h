@@ -60,9 +60,11 @@ struct Options {
     bool netns = false;                // run inside a private network namespace
     int unprivileged_exit = kExitEnv;  // status when --netns lacks the privileges
     std::chrono::milliseconds settle{30000};
+    // Fault plans (Runtime::add_fault specs), armed as the library is loaded.
+    std::vector<std::string> faults;
     // A last check of a run, after its steps and before the library is
     // unloaded: a non-empty answer fails the run and is printed.
-    std::function<std::string()> final_check;
+    std::function<std::string(class Sim &)> final_check;
 };
 
 // The scripted RIL proxy: which requests it answers and how.
@@ -125,6 +127,9 @@ class Sim {
                                const std::string &text);
     std::string expect_log(const std::string &text, int count);
     std::string expect_pdn(const Step &s);
+    // Takes every event sent so far as seen: later expectations match only
+    // what is sent after this.
+    void consume_all();
 
   private:
     void on_ril(evfw_host::Peer &self, const evfw_host::Received &in);
@@ -162,6 +167,14 @@ class Sim {
 
 // Runs one parsed scenario; the exit status.
 int run_scenario(const Scenario &sc, const Options &options, FILE *out);
+
+// Runs the steps of a scenario on a started simulator, printing each with
+// the events it caused and each expectation's PASS or FAIL line.
+struct StepResult {
+    int expectations = 0;
+    int failed = 0;
+};
+StepResult run_steps(Sim &sim, const Scenario &sc, bool log, FILE *out);
 
 // Writes the run's message flow as a Mermaid sequence diagram.
 bool write_diagram(const std::vector<evfw_host::TraceEntry> &trace, const std::string &title,

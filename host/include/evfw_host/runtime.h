@@ -44,6 +44,30 @@ namespace evfw_host {
 
 enum class Mode { Deterministic, Threaded };
 
+// The calls an entity imports that a fault plan can make fail, and how each
+// fails: the event calls and the sends of the framework, its init calls,
+// property_get, and the C library calls of IPv6 discovery, the netlink
+// listener and the DNS command.
+enum class FaultCall : uint8_t {
+    EventAlloc,         // evfw_event_alloc: no event (null)
+    TaskSendEvent,      // evfw_task_send_event: refused (-1)
+    ContextCommonSend,  // evfw_context_common_send: refused (-1)
+    TaskBcastExtEvent,  // evfw_task_bcast_ext_event: refused (-1)
+    TaskSendRecvEvent,  // evfw_task_send_recv_event: sent, the wait times out
+    MutexInit,          // evfw_mutex_init: -ENOMEM, the mutex not made
+    ThrdInit,           // evfw_thrd_init: -1, the thread object not prepared
+    TaskInit,           // evfw_task_init: -1, the task not made
+    PropertyGet,        // property_get: the property reads as absent
+    Getifaddrs,         // getifaddrs: -1 (ENOMEM)
+    IfIndexToName,      // if_indextoname: null (ENXIO)
+    Socket,             // socket: -1 (EMFILE)
+    Bind,               // bind: -1 (EADDRINUSE)
+    Send,               // send: -1 (ENOBUFS)
+    Recv,               // recv: -1 (EAGAIN)
+    System,             // system: status 256 (the command exited 1), or -1
+    Count,
+};
+
 // One send, as the framework routed it.  A broadcast gives one entry per
 // receiving client.
 struct TraceEntry {
@@ -67,10 +91,13 @@ struct LogLine {
 };
 
 // A diagnostic of the runtime itself ("evfw_host: ..."): a refused send, a
-// foreign unlock, a wait that gave up.  `after_seq` is the sequence number
-// of the last trace entry before it, so that it can be shown in its place.
+// foreign unlock, a wait that gave up, a call failed by a fault plan.
+// `after_seq` is the sequence number of the last trace entry before it, so
+// that it can be shown in its place; `after_log` the number of log lines
+// captured before it, so that the lines it caused can be told.
 struct Diagnostic {
     uint64_t after_seq = 0;
+    size_t after_log = 0;
     std::string text;  // without the "evfw_host: " prefix
 };
 
@@ -144,6 +171,16 @@ class Runtime {
     // Unloads every entity, drops peers, queued events, trace, logs and
     // properties, and restarts in `mode`.  Counters start again from zero.
     void reset(Mode mode = Mode::Deterministic);
+    // A new round with the loaded entities, their tasks and subscriptions and
+    // the peers (with their handlers) kept: queued events are dropped, every
+    // event still live is reclaimed, and the trace, logs, diagnostics,
+    // properties, fault plans and counters start again; the settings (trace
+    // on or off, log capture and echo, diagnostics echo) stay.  For a long series
+    // of short cases against one loaded entity (a fuzzer), where loading it
+    // anew for each case would be the cost; the entity's own state is the
+    // caller's to reset.  Unless EVFW_HOST_KEEP_LOADED=1, reset() reclaims the
+    // events a finished run left as well.
+    void new_round();
     Mode mode() const;
 
     // ---- entities ----
@@ -208,6 +245,9 @@ class Runtime {
     void print_trace(FILE *out) const;
 
     std::vector<LogLine> logs() const;
+    // Visits the captured lines in order without copying them; `visit` must
+    // not log.
+    void for_each_log(const std::function<void(const LogLine &)> &visit) const;
     void clear_logs();
     void set_log_capture(bool capture);  // off: lines are formatted, then discarded
     void set_log_echo(FILE *out);        // logcat-style copy of each line, or nullptr
@@ -219,6 +259,22 @@ class Runtime {
     std::vector<Diagnostic> diagnostics() const;
     long diagnostic_count() const;
     void set_diag_echo(FILE *out);
+
+    // ---- fault plans ----
+    // Makes an imported call fail: its Nth call since the last reset, every
+    // call from the Nth on, or each call with a probability (from a seed).
+    // Each failure is a diagnostic ("fault plan: <call> call <n> fails"), so
+    // that the trace shows it in its place.  Specs, by the call's name:
+    //   "evfw_event_alloc:3"      the third call
+    //   "send:2-"                 the second call and every later one
+    //   "recv:p0.25/7"            each call with probability 0.25, seed 7
+    //   "system:1=-1"             system() fails with -1 instead of 256
+    // false, with the reason in `error`, for a spec that does not parse.
+    bool add_fault(std::string_view spec, std::string &error);
+    void clear_faults();
+    uint64_t calls(FaultCall call) const;   // calls made since the last reset
+    uint64_t faults(FaultCall call) const;  // of them, the ones made to fail
+    static const char *fault_call_name(FaultCall call);
 
     // ---- accounting ----
     long live_events() const;  // allocated and not yet freed
