@@ -60,10 +60,10 @@ bool held_ready(evfw_event_t **held) {
 }
 
 void lock(DatamngrEntity *entity) {
-    entity->lock.lock(&entity->lock);
+    dm_entity_lock(entity);
 }
 void unlock(DatamngrEntity *entity) {
-    entity->lock.unlock(&entity->lock);
+    dm_entity_unlock(entity);
 }
 
 }  // namespace
@@ -273,16 +273,20 @@ int32_t dati_cgact_assign_hdl(const DatiAtcEntry *row, char *params, evfw_event_
         unlock(entity);
 
         evfw_event_t *reply = evfw_event_alloc(*held);
-        event_set_id(reply, EVENT_DATAMNGR_ATCMD_RESP);
-        AtCmdResp resp = {};
-        snprintf(resp.text, kDeactReplyMax, "\r\n+CGEV: ME PDN DEACT %d\r\n\r\nOK\r\n",
-                 static_cast<int>(index - 1));
-        event_set_data(reply, 0, &resp, sizeof(resp));
-        if (DatamngrEntity *sender = dati::module_entity(); sender != nullptr) {
-            dati::send_from_dati(sender, reply, TASK_ATI_ATC);
+        if (reply == nullptr) {
+            DATI_LOGE("dati_cgact_assign_hdl(): no event for the answer!!");
         } else {
-            DATI_LOGE("dati_cgact_assign_hdl(): dm_entity_priv = NULL!!");
-            evfw_event_free(reply);
+            event_set_id(reply, EVENT_DATAMNGR_ATCMD_RESP);
+            AtCmdResp resp = {};
+            snprintf(resp.text, kDeactReplyMax, "\r\n+CGEV: ME PDN DEACT %d\r\n\r\nOK\r\n",
+                     static_cast<int>(index - 1));
+            event_set_data(reply, 0, &resp, sizeof(resp));
+            if (DatamngrEntity *sender = dati::module_entity(); sender != nullptr) {
+                dati::send_from_dati(sender, reply, TASK_ATI_ATC);
+            } else {
+                DATI_LOGE("dati_cgact_assign_hdl(): dm_entity_priv = NULL!!");
+                evfw_event_free(reply);
+            }
         }
     }
     // One release more than was acquired, kept in this order: the

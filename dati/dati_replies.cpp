@@ -28,6 +28,10 @@ void dati::replies_reset() {
 
 int32_t dati_dummy_resp(void *, evfw_event_t *template_event, int32_t ok) {
     evfw_event_t *event = evfw_event_alloc(template_event);
+    if (event == nullptr) {
+        DATI_LOGE("dati_dummy_resp(): no event for the answer!!");
+        return -1;
+    }
     event_set_id(event, EVENT_DATAMNGR_ATCMD_RESP);
     AtCmdResp resp = {};
     const char *text = ok != 0 ? kOkText : kErrorText;
@@ -48,6 +52,10 @@ int32_t dati_dummy_resp(void *, evfw_event_t *template_event, int32_t ok) {
 
 int32_t dati_dummy_urc(void *, const char *text, int32_t kind) {
     evfw_event_t *event = evfw_event_alloc(nullptr);
+    if (event == nullptr) {
+        DATI_LOGE("dati_dummy_urc(): no event for the URC!!");
+        return -1;
+    }
     event_set_id(event, kind == 0 ? EVENT_ATI_URC_FORGED : EVENT_ATI_URC);
     AtUrc urc = {};
     if (text != nullptr) dati::copy_bounded(urc.text, sizeof(urc.text), text, strlen(text));
@@ -98,6 +106,10 @@ int32_t dati_setup_data_call_resp(void *response, evfw_event_t *template_event) 
     }
     const auto *resp = static_cast<const SetupDataCallResp *>(response);
     evfw_event_t *event = evfw_event_alloc(template_event);
+    if (event == nullptr) {
+        DATI_LOGE("dati_setup_data_call_resp(): no event for the answer!!");
+        return -1;
+    }
     event_set_id(event, EVENT_DATAMNGR_ATCMD_RESP);
     AtCmdResp reply = {};
     snprintf(reply.text, sizeof(reply.text), "\r\n+CGEV: ME PDN ACT %d\r\n\r\nOK\r\n",

@@ -58,6 +58,10 @@ evfw_event_t *hold_reply(evfw_event_t *request) {
 // "ERROR" for the client that sent `request`.
 void refuse(evfw_event_t *request) {
     evfw_event_t *reply = evfw_event_alloc(request);
+    if (reply == nullptr) {
+        DATI_LOGE("datamngr_dati_task_hdl(): no event for the answer!!");
+        return;
+    }
     dati_dummy_resp(nullptr, reply, 0);
     evfw_event_free(reply);
 }
@@ -190,20 +194,24 @@ int datamngr_dati_task_hdl(evfw_context_t *context, evfw_event_t *event, void *e
             dati_atc_hdl_t hdl = form == '='   ? row->assign_hdl
                                  : form == '?' ? row->query_hdl
                                                : nullptr;
-            if (hdl != nullptr) {
-                entity->cur_atcmd_event = hold_reply(event);
+            if (form != '=' && form != '?') {
+                // Any other character after the command: no answer at all.
+            } else if (evfw_event_t *reply =
+                               hdl != nullptr ? hold_reply(event) : evfw_event_alloc(event);
+                       reply == nullptr) {
+                DATI_LOGE("datamngr_dati_task_hdl(): no event for AT Cmd = \"%s\"!!", data);
+            } else if (hdl != nullptr) {
+                entity->cur_atcmd_event = reply;
                 hdl(row, data + name_len + 1, &entity->cur_atcmd_event);
-            } else if (form == '=' || form == '?') {
-                evfw_event_t *fwd = evfw_event_alloc(event);
-                event_set_id(fwd, EVENT_ATI_ATCMD_FWD);
-                event_set_data(fwd, 0, data, strlen(data) + 1);
+            } else {
+                event_set_id(reply, EVENT_ATI_ATCMD_FWD);
+                event_set_data(reply, 0, data, strlen(data) + 1);
                 DATI_LOGI(
                         "datamngr_dati_task_hdl(): redirecting AT Cmd = \"%s\" to Modem Manager "
                         "through ATI",
                         data);
-                dati::send_from_dati(entity, fwd, TASK_ATI_ATC);
+                dati::send_from_dati(entity, reply, TASK_ATI_ATC);
             }
-            // Any other character after the command: no answer at all.
         }
     } else if (event_id == EVENT_DATAMNGR_ATCMD_REGISTER) {
         size_t name_len = data != nullptr ? strnlen(data, len) : 0;
@@ -220,11 +228,19 @@ int datamngr_dati_task_hdl(evfw_context_t *context, evfw_event_t *event, void *e
             char name[kNotificationLen] = {};
             memcpy(name, data, name_len);
             evfw_event_t *notice = evfw_event_alloc(event);
-            event_set_id(notice, EVENT_DATAMNGR_NOTIFICATION);
-            event_set_data(notice, 0, name, sizeof(name));
-            if (context == nullptr ||
-                evfw_context_common_send(context, notice, TASK_DATAMNGR) < 0) {
-                evfw_event_free(notice);
+            if (notice == nullptr) {
+                DATI_LOGE("datamngr_dati_task_hdl(): no event for the registration of %s!!", name);
+            } else {
+                event_set_id(notice, EVENT_DATAMNGR_NOTIFICATION);
+                event_set_data(notice, 0, name, sizeof(name));
+                if (context == nullptr) {
+                    evfw_event_free(notice);
+                } else if (int ret = evfw_context_common_send(context, notice, TASK_DATAMNGR);
+                           ret < 0) {
+                    DATI_LOGE("datamngr_dati_task_hdl(): registration of %s refused %d!!", name,
+                              ret);
+                    evfw_event_free(notice);
+                }
             }
         }
     } else {

@@ -51,22 +51,21 @@ constexpr size_t kUrcPrefixMax = 64;
 
 DatamngrEntity *g_entity = nullptr;
 
-// Both init and exit leave the AT PDP contexts unregistered.
-void reset_at_pdp_contexts(DatamngrEntity *state) {
-    state->lock.lock(&state->lock);
-    for (AtPdpContext &ctx : state->at_pdp_ctx) {
-        memset(&ctx, 0, sizeof(ctx));
-        ctx.state = -1;
-        ctx.cid = -1;
-    }
-    state->lock.unlock(&state->lock);
-}
-
 void subscribe_urc(evfw_task_t *task, const char *prefix, int32_t flag, uint32_t event_id) {
     evfw_atmngr_subscribe_urc(task, prefix, event_id, flag != 0 ? kUrcModeFlagged : kUrcModePlain);
 }
 
 }  // namespace
+
+void reset_at_pdp_contexts(DatamngrEntity *state) {
+    dm_entity_lock(state);
+    for (AtPdpContext &ctx : state->at_pdp_ctx) {
+        memset(&ctx, 0, sizeof(ctx));
+        ctx.state = -1;
+        ctx.cid = -1;
+    }
+    dm_entity_unlock(state);
+}
 
 DatamngrEntity *dm_entity() {
     return g_entity;
@@ -86,19 +85,31 @@ evfw_entity_t *datamngr_entity_init(evfw_entity_t *entity) {
     if (entity != nullptr) entity->id = kDatamngrEntityId;
 
     auto *state = static_cast<DatamngrEntity *>(malloc(sizeof(DatamngrEntity)));
+    if (state == nullptr) {
+        DM_LOGE("%s no memory for the entity state", __func__);
+        return entity;
+    }
     memset(state, 0, sizeof(*state));
     state->entity = entity;
     if (entity != nullptr) entity->priv = state;
     g_entity = state;
     state->cur_atcmd_event = nullptr;
 
-    evfw_mutex_init(&state->lock);
+    // The framework's results go unchecked but for a line each: the entity
+    // carries on with what it got.
+    if (int ret = evfw_mutex_init(&state->lock); ret != 0) {
+        DM_LOGE("%s evfw_mutex_init fail %d", __func__, ret);
+    }
     reset_at_pdp_contexts(state);
 
     uint32_t entity_id = entity != nullptr ? kDatamngrEntityId : 0;
-    evfw_task_init(&state->main_task, entity_id, TASK_DATAMNGR);
-    evfw_task_init(&state->dati_task, entity_id, TASK_DATAMNGR_DATI_HDL);
-    evfw_task_init(&state->aux_task, entity_id, TASK_DATAMNGR_AUX);
+    for (auto [task, task_id] : {std::pair{&state->main_task, TASK_DATAMNGR},
+                                 {&state->dati_task, TASK_DATAMNGR_DATI_HDL},
+                                 {&state->aux_task, TASK_DATAMNGR_AUX}}) {
+        if (int ret = evfw_task_init(task, entity_id, task_id); ret != 0) {
+            DM_LOGE("%s evfw_task_init task %d fail %d", __func__, task_id, ret);
+        }
+    }
     DM_LOGD("TASK_DATAMNGR_DATI_HDL init!!");
 
     for (uint32_t event_id : kSubscribedEvents) {
@@ -111,7 +122,9 @@ evfw_entity_t *datamngr_entity_init(evfw_entity_t *entity) {
     }
     DM_LOGD("TASK_DATAMNGR_DATI_HDL exec!!");
 
-    evfw_thrd_init(&init_thrd);
+    if (int ret = evfw_thrd_init(&init_thrd); ret != 0) {
+        DM_LOGE("%s evfw_thrd_init fail %d", __func__, ret);
+    }
     if (init_thrd.start != nullptr) init_thrd.start(&init_thrd, datamngr_init_thrd, state);
     return entity;
 }

@@ -37,6 +37,18 @@ DatamngrEntity *dm_entity();
 // Test support: forgets the entity state pointer, as at process start.
 void datamngr_state_reset();
 
+// Unregisters every AT PDP context, as init and exit do.
+void reset_at_pdp_contexts(DatamngrEntity *state);
+
+// The entity mutex as the framework made it.  Without it (its init failed)
+// the AT PDP context table goes unguarded rather than the entity stopping.
+inline void dm_entity_lock(DatamngrEntity *entity) {
+    if (entity->lock.lock != nullptr) entity->lock.lock(&entity->lock);
+}
+inline void dm_entity_unlock(DatamngrEntity *entity) {
+    if (entity->lock.unlock != nullptr) entity->lock.unlock(&entity->lock);
+}
+
 // Hands the event being dispatched over to its new owner: the dispatcher
 // then no longer frees it.  No effect when `event` is not the current one.
 void dm_release_current_event(evfw_event_t *event);

@@ -21,6 +21,10 @@ constexpr uint32_t kAwaitedIdLen = sizeof(uint32_t);
 evfw_event_t *prepare(const char *caller, const void *data, uint32_t len,
                       evfw_event_t *source_event, uint32_t task_id, uint32_t event_id) {
     evfw_event_t *event = evfw_event_alloc(source_event);
+    if (event == nullptr) {
+        DM_LOGE_AS(caller, "%s no event for event id %u to task %u", caller, event_id, task_id);
+        return nullptr;
+    }
     if (dm_entity() == nullptr) {
         DM_LOGE_AS(caller, "%s NULL entity pointer", caller);
         return nullptr;
@@ -52,6 +56,8 @@ int32_t dm_send_to_task(uint32_t task_id, const void *data, uint32_t len,
     if (ret < 0) {
         DM_LOGE("%s send event task id %d event id %d to rild fail %d", __func__, task_id, event_id,
                 ret);
+        // A refused send leaves the event with us.
+        evfw_event_free(event);
     }
     return ret;
 }
@@ -64,6 +70,8 @@ int32_t dm_send_to_task_wait_for_event(uint32_t task_id, const void *data, uint3
     int32_t ret = evfw_task_send_recv_event(&dm_entity()->main_task, event, task_id,
                                             rx_cond_event_id, &wait_event_id, kAwaitedIdLen);
     if (ret < 0) {
+        // Not released: the framework may have sent the event before the
+        // wait failed.
         DM_LOGE("%s send event task id %d event id %d to rild fail %d", __func__, task_id, event_id,
                 ret);
     }
@@ -84,6 +92,10 @@ int32_t dm_req_to_self(const void *data, uint32_t len, evfw_event_t *source_even
 int32_t dm_resp_to_external_channel(const void *data, uint32_t len, evfw_event_t *source_event,
                                     uint32_t event_id) {
     evfw_event_t *event = evfw_event_alloc(source_event);
+    if (event == nullptr) {
+        DM_LOGE("%s no event for event id %u", __func__, event_id);
+        return -1;
+    }
     event_set_id(event, event_id);
     event_set_data(event, 0, data, len);
     DatamngrEntity *entity = dm_entity();
@@ -91,7 +103,12 @@ int32_t dm_resp_to_external_channel(const void *data, uint32_t len, evfw_event_t
         DM_LOGE("%s before entity init", __func__);
         return -1;
     }
-    return send_external(entity, event);
+    int32_t ret = send_external(entity, event);
+    if (ret < 0) {
+        DM_LOGE("%s send event id %u fail %d", __func__, event_id, ret);
+        evfw_event_free(event);
+    }
+    return ret;
 }
 
 int32_t datamngr_ext_send(DatamngrEntity *entity, uint32_t event_id, const void *data,

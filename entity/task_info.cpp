@@ -89,7 +89,12 @@ int32_t dm_notification(void *data, evfw_event_t *event) {
     memcpy(name, data, len);
     name[len] = '\0';
 
-    record_task_info(name, evfw_event_alloc(event));
+    evfw_event_t *copy = evfw_event_alloc(event);
+    if (copy == nullptr) {
+        DM_LOGE("%s no event to keep the announcement of %s", __func__, name);
+        return -1;
+    }
+    record_task_info(name, copy);
     if (g_rild_ready && g_first_flush) {
         dm_flush_event();
         g_first_flush = 0;
@@ -154,6 +159,10 @@ int32_t dm_queue_event_if_not_ready(const void *data, uint32_t len, evfw_event_t
     // The id goes onto the source, not the queued copy: the copy keeps the id
     // it was allocated with, and the flush sends it under that id.
     evfw_event_t *queued = evfw_event_alloc(source_event);
+    if (queued == nullptr) {
+        DM_LOGE("pending event %u dropped: no event to hold it", event_id);
+        return 0;
+    }
     event_set_id(source_event, event_id);
     event_set_data(queued, 0, data, len);
 

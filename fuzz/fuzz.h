@@ -35,6 +35,12 @@ class Reader {
     size_t pos_ = 0;
 };
 
+// The longest input of the dispatcher and AT targets (scripts/fuzz gives
+// libFuzzer -max_len with it; make_seeds cuts the scenarios' flows to it):
+// some ten to twenty steps, so that each run stays cheap while a request,
+// its answer and a query of the result still fit in one input.
+constexpr size_t kMaxLen = 128;
+
 // Setup flags of the dispatcher and AT targets.
 enum Setup : uint8_t {
     kRilAnswers = 1 << 0,      // the RIL proxy answers every request
@@ -64,13 +70,20 @@ constexpr uint8_t kMaxPatches = 16;
 enum NetlinkMode : uint8_t { kNlParse = 1, kNlNoRa = 2, kNlReceive = 4 };
 
 testkit::Peer &sender(testkit::Harness &h, uint8_t index);
-// Properties, answering peers and announcements of the setup flags.
+// The process's one harness in the state of a fresh load (the last input's
+// end restarted it), with the trace and the runtime's diagnostics echo off,
+// and the modem's AT manager answering every AT command.  Loading the entity
+// anew for each input would cost more than running it.
+testkit::Harness &fresh();
+// Properties, the RIL proxy's answers and announcements of the setup flags.
 void setup(testkit::Harness &h, uint8_t flags);
-// Checked once the runtime is idle: each event the runtime allocated is
-// freed, held by the library, or one of the prescribed leaks; nothing was
-// freed twice; the dispatcher has no current event left.  Prints what is off
-// and aborts.
-void check_accounting(testkit::Harness &h, const char *target);
+// Ends an input: once the runtime is idle, each event the runtime allocated
+// must be freed, held by the library, or one of the prescribed leaks;
+// nothing freed twice; the dispatcher without a current event (else it
+// prints what is off and aborts).  Then restarts the harness (Harness::
+// restart), so that the input leaves nothing allocated behind it: libFuzzer
+// takes more allocations than frees in an input for a leak.
+void end_input(testkit::Harness &h, const char *target);
 
 }  // namespace dm::fuzz
 

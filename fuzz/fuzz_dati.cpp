@@ -14,7 +14,7 @@ extern "C" int usleep(useconds_t) {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     dm::fuzz::Reader in({data, size});
-    dm::testkit::Harness h;
+    dm::testkit::Harness &h = dm::fuzz::fresh();
     dm::fuzz::setup(h, in.u8());
     while (!in.done()) {
         const uint16_t id = in.u16();
@@ -22,6 +22,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         h.task(TASK_ATI_ATC).send(TASK_DATAMNGR_DATI_HDL, id, text.data(), text.size());
         h.pump();
     }
-    dm::fuzz::check_accounting(h, "fuzz_dati");
+    dm::fuzz::end_input(h, "fuzz_dati");
     return 0;
 }

@@ -34,13 +34,20 @@ const std::vector<uint32_t> &table_ids() {
 
 uint32_t length_of(dm::fuzz::Reader &in, uint32_t expected) {
     switch (in.u8() % dm::fuzz::kLenModes) {
-        case dm::fuzz::kMinus1: return expected != 0 ? expected - 1 : 0;
-        case dm::fuzz::kPlus1: return expected + 1;
-        case dm::fuzz::kZero: return 0;
-        case dm::fuzz::kEight: return 8;
-        case dm::fuzz::kOne: return 1;
-        case dm::fuzz::kRawLen: return in.u16();
-        default: return expected;
+        case dm::fuzz::kMinus1:
+            return expected != 0 ? expected - 1 : 0;
+        case dm::fuzz::kPlus1:
+            return expected + 1;
+        case dm::fuzz::kZero:
+            return 0;
+        case dm::fuzz::kEight:
+            return 8;
+        case dm::fuzz::kOne:
+            return 1;
+        case dm::fuzz::kRawLen:
+            return in.u16();
+        default:
+            return expected;
     }
 }
 
@@ -48,24 +55,26 @@ uint32_t length_of(dm::fuzz::Reader &in, uint32_t expected) {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     dm::fuzz::Reader in({data, size});
-    dm::testkit::Harness h;
+    dm::testkit::Harness &h = dm::fuzz::fresh();
     dm::fuzz::setup(h, in.u8());
     std::vector<uint8_t> payload;
     while (!in.done()) {
         auto &from = dm::fuzz::sender(h, in.u8());
         const uint8_t sel = in.u8();
-        const uint32_t id = sel == dm::fuzz::kRawId ? in.u16() : table_ids()[sel % table_ids().size()];
+        const uint32_t id =
+                sel == dm::fuzz::kRawId ? in.u16() : table_ids()[sel % table_ids().size()];
         payload.assign(length_of(in, dm_expected_length(id, nullptr)), in.u8());
         for (uint8_t p = in.u8() % dm::fuzz::kMaxPatches; p > 0; --p) {
             const uint16_t offset = in.u16();
             auto bytes = in.bytes(in.u8());
             if (payload.empty()) continue;
             const size_t at = offset % payload.size();
-            std::memcpy(payload.data() + at, bytes.data(), std::min(bytes.size(), payload.size() - at));
+            std::memcpy(payload.data() + at, bytes.data(),
+                        std::min(bytes.size(), payload.size() - at));
         }
         from.send(TASK_DATAMNGR, id, payload.data(), payload.size());
         h.pump();
     }
-    dm::fuzz::check_accounting(h, "fuzz_dispatcher");
+    dm::fuzz::end_input(h, "fuzz_dispatcher");
     return 0;
 }

@@ -1,5 +1,6 @@
 #include "fuzz/fuzz.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -19,25 +20,70 @@ struct RilAnswer {
     uint32_t request, answer, len;
 };
 constexpr RilAnswer kAnswers[] = {
-        {4003, 4004, sizeof(SetupDataCallResp)}, {4005, 4006, 8},
-        {4007, 4008, sizeof(DedicateSetupResp)}, {4009, 4010, kModifyRespLen},
-        {4011, 4012, 8},  {4013, 4014, 8},       {4015, 4016, kPcscfRespLen},
-        {4017, 4018, kFailCauseRespLen},         {4019, 4020, sizeof(DataCallListInd)},
-        {4030, 4031, 8},  {4032, 4034, 8},       {4037, 4038, 8},
+        {4003, 4004, sizeof(SetupDataCallResp)},
+        {4005, 4006, 8},
+        {4007, 4008, sizeof(DedicateSetupResp)},
+        {4009, 4010, kModifyRespLen},
+        {4011, 4012, 8},
+        {4013, 4014, 8},
+        {4015, 4016, kPcscfRespLen},
+        {4017, 4018, kFailCauseRespLen},
+        {4019, 4020, sizeof(DataCallListInd)},
+        {4030, 4031, 8},
+        {4032, 4034, 8},
+        {4037, 4038, 8},
         {9318, 4053, 8},
 };
+constexpr uint32_t kLongestAnswer =
+        std::max_element(std::begin(kAnswers), std::end(kAnswers),
+                         [](const RilAnswer &a, const RilAnswer &b) { return a.len < b.len; })
+                ->len;
 
 }  // namespace
 
 testkit::Peer &sender(testkit::Harness &h, uint8_t index) {
     switch (index % kSenders) {
-        case 0: return h.ril();
-        case 1: return h.client("imsm_0");
-        case 2: return h.client("imsm_1");
-        case 3: return h.client("lanmngr");
-        case 4: return h.task(TASK_RB_SIM0);
-        default: return h.task(TASK_ATMNGR);
+        case 0:
+            return h.ril();
+        case 1:
+            return h.client("imsm_0");
+        case 2:
+            return h.client("imsm_1");
+        case 3:
+            return h.client("lanmngr");
+        case 4:
+            return h.task(TASK_RB_SIM0);
+        default:
+            return h.task(TASK_ATMNGR);
     }
+}
+
+namespace {
+bool g_ril_answers = false;  // this input's kRilAnswers
+}  // namespace
+
+testkit::Harness &fresh() {
+    static testkit::Harness *h = [] {
+        auto *made = new testkit::Harness;  // kept to the end: the entity stays loaded
+        made->rt().set_trace(false);
+        made->rt().set_diag_echo(nullptr);
+        // The modem's AT manager answers every AT command, echoing its cookie.
+        made->task(TASK_ATMNGR).on_receive([](testkit::Peer &self, const testkit::Received &in) {
+            AtCmdResp resp = {};
+            if (in.data.size() >= sizeof(resp.cookie)) memcpy(&resp.cookie, in.data.data(), 8);
+            self.reply(in.event, TASK_DATAMNGR, EVENT_ATMNGR_ATCMD_RESP, &resp, sizeof(resp));
+        });
+        made->ril().on_receive([](testkit::Peer &self, const testkit::Received &in) {
+            static const std::vector<uint8_t> zeros(kLongestAnswer, 0);
+            for (const RilAnswer &a : kAnswers) {
+                if (g_ril_answers && a.request == in.event_id) {
+                    self.reply(in.event, TASK_DATAMNGR, a.answer, zeros.data(), a.len);
+                }
+            }
+        });
+        return made;
+    }();
+    return *h;
 }
 
 void setup(testkit::Harness &h, uint8_t flags) {
@@ -48,30 +94,20 @@ void setup(testkit::Harness &h, uint8_t flags) {
         h.rt().set_property("net.ipv6.pdnet4.prefix", "2001:db8:4::");
         h.rt().set_property("net.ipv6.pdnet5.prefix", "2001:db8:5::");
     }
-    // The modem's AT manager answers every AT command, echoing its cookie.
-    h.task(TASK_ATMNGR).on_receive([](testkit::Peer &self, const testkit::Received &in) {
-        AtCmdResp resp = {};
-        if (in.data.size() >= sizeof(resp.cookie)) memcpy(&resp.cookie, in.data.data(), 8);
-        self.reply(in.event, TASK_DATAMNGR, EVENT_ATMNGR_ATCMD_RESP, &resp, sizeof(resp));
-    });
-    if (flags & kRilAnswers) {
-        h.ril().on_receive([](testkit::Peer &self, const testkit::Received &in) {
-            for (const RilAnswer &a : kAnswers) {
-                if (a.request != in.event_id) continue;
-                std::vector<uint8_t> answer(a.len, 0);
-                self.reply(in.event, TASK_DATAMNGR, a.answer, answer.data(), answer.size());
-            }
-        });
-    }
+    g_ril_answers = (flags & kRilAnswers) != 0;
     if (flags & kAnnounceClients) {
         for (const char *name : {"imsm_0", "imsm_1", "lanmngr"}) h.announce(h.client(name));
     }
     if (flags & kAnnounceRil) h.announce_ril();
 }
 
-void check_accounting(testkit::Harness &h, const char *target) {
+void end_input(testkit::Harness &h, const char *target) {
+    h.pump();
     const std::string problems = testkit::accounting_problems(h.rt());
-    if (problems.empty()) return;
+    if (problems.empty()) {
+        h.restart();
+        return;
+    }
     std::fprintf(stderr, "%s: event accounting broken: %s\n", target, problems.c_str());
     for (const testkit::LogLine &line : h.logs()) std::fprintf(stderr, "  %s\n", line.text.c_str());
     std::abort();

@@ -11,7 +11,7 @@
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     dm::fuzz::Reader in({data, size});
-    dm::testkit::Harness h;
+    dm::testkit::Harness &h = dm::fuzz::fresh();
     const uint8_t flags = in.u8();
     h.rt().set_property("persist.qpx_epdg_support", flags & 1 ? "1" : "0");
     if (flags & 2) {
@@ -34,6 +34,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     if (!text.empty()) memcpy(urc.text, text.data(), text.size());
     h.send(h.task(TASK_ATMNGR), EVENT_ATMNGR_URC, urc);
     h.pump();
-    dm::fuzz::check_accounting(h, "fuzz_urc");
+    dm::fuzz::end_input(h, "fuzz_urc");
     return 0;
 }

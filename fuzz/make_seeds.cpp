@@ -1,15 +1,16 @@
 // Writes the fuzz targets' seed corpora from the scenario files, so that the
 // fuzzers start from every flow the tests and the shipped scenarios play:
 //     make_seeds <corpus dir> <scenario file>...
-// Each scenario gives a dispatcher seed (its announcements and sends to the
-// main task), an AT seed (its AT lines and registrations) and a URC seed per
-// URC line (over the PDN rows its bearer reports made); the netlink seeds
-// are two address dumps and a no-RA message.
+// Each scenario gives dispatcher seeds (its announcements and sends to the
+// main task), AT seeds (its AT lines and registrations), both cut into runs
+// of steps that fit kMaxLen, and a URC seed per URC line (over the PDN rows
+// its bearer reports made); the netlink seeds are two address dumps and a
+// no-RA message.
 #include <linux/rtnetlink.h>
 #include <sys/socket.h>
 
-#include <cstdio>
 #include <algorithm>
+#include <cstdio>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -45,7 +46,8 @@ uint8_t sender_of(const dmsim::PeerRef &p) {
 }
 
 // A dispatcher step: the payload's non-zero runs as patches over zeros.
-void put_event(Writer &w, uint8_t from, uint32_t id, const Bytes &payload) {
+Bytes event_step(uint8_t from, uint32_t id, const Bytes &payload) {
+    Writer w;
     w.u8(from).u8(dm::fuzz::kRawId).u16(static_cast<uint16_t>(id));
     w.u8(dm::fuzz::kRawLen).u16(static_cast<uint16_t>(payload.size())).u8(0);
     std::vector<std::pair<size_t, size_t>> runs;
@@ -60,18 +62,36 @@ void put_event(Writer &w, uint8_t from, uint32_t id, const Bytes &payload) {
         i = end;
     }
     w.u8(static_cast<uint8_t>(runs.size()));
-    for (auto [at, len] : runs) w.u16(static_cast<uint16_t>(at)).u8(static_cast<uint8_t>(len)).bytes(&payload[at], len);
+    for (auto [at, len] : runs)
+        w.u16(static_cast<uint16_t>(at)).u8(static_cast<uint8_t>(len)).bytes(&payload[at], len);
+    return w.out;
 }
 
 void save(const std::filesystem::path &dir, const std::string &name, const Bytes &data) {
     std::filesystem::create_directories(dir);
-    std::ofstream(dir / name, std::ios::binary).write(reinterpret_cast<const char *>(data.data()),
-                                                       static_cast<std::streamsize>(data.size()));
+    std::ofstream(dir / name, std::ios::binary)
+            .write(reinterpret_cast<const char *>(data.data()),
+                   static_cast<std::streamsize>(data.size()));
 }
 
-void seeds_of(const dmsim::Scenario &sc, const std::filesystem::path &out, const std::string &name) {
+// The steps after the setup flags, as many to a seed as fit kMaxLen (a
+// longer step alone).
+void save_cut(const std::filesystem::path &dir, const std::string &name, uint8_t flags,
+              const std::vector<Bytes> &steps) {
+    int n = 0;
+    for (size_t i = 0; i < steps.size();) {
+        Writer seed{{flags}};
+        do {
+            seed.bytes(steps[i].data(), steps[i].size());
+        } while (++i < steps.size() && seed.out.size() + steps[i].size() <= dm::fuzz::kMaxLen);
+        save(dir, name + "-" + std::to_string(++n), seed.out);
+    }
+}
+
+void seeds_of(const dmsim::Scenario &sc, const std::filesystem::path &out,
+              const std::string &name) {
     uint8_t flags = dm::fuzz::kAnnounceRil | dm::fuzz::kAnnounceClients;
-    Writer events, at;
+    std::vector<Bytes> events, at;
     std::vector<std::pair<uint8_t, uint8_t>> rows;  // cid, interface of bearer reports
     bool at_seen = false;
     int urcs = 0;
@@ -89,14 +109,16 @@ void seeds_of(const dmsim::Scenario &sc, const std::filesystem::path &out, const
             if (s.text == "persist.qpx_epdg_support") flags |= dm::fuzz::kEpdg;
             if (s.text == "ro.qpx_multiple_ims_support") flags |= dm::fuzz::kMultiIms;
         }
-        if (s.op == dmsim::Op::Property && s.text.starts_with("net.ipv6.")) flags |= dm::fuzz::kPrefixes;
+        if (s.op == dmsim::Op::Property && s.text.starts_with("net.ipv6."))
+            flags |= dm::fuzz::kPrefixes;
         if (s.op == dmsim::Op::Announce) {
             Bytes name_field(132, 0);
             memcpy(name_field.data(), s.text.data(), s.text.size());
-            put_event(events, sender_of(s.peer), EVENT_DATAMNGR_NOTIFICATION, name_field);
+            events.push_back(
+                    event_step(sender_of(s.peer), EVENT_DATAMNGR_NOTIFICATION, name_field));
         } else if (s.op == dmsim::Op::Send && s.target == TASK_DATAMNGR) {
             const Bytes payload = s.payload.build();
-            put_event(events, sender_of(s.peer), s.event_id, payload);
+            events.push_back(event_step(sender_of(s.peer), s.event_id, payload));
             if (s.event_id == EVENT_DATAMNGR_DEDICATE_BEARER_ACTIVATED_URC && payload.size() > 16) {
                 rows.emplace_back(payload[16], payload[8]);
             }
@@ -106,19 +128,23 @@ void seeds_of(const dmsim::Scenario &sc, const std::filesystem::path &out, const
             }
         } else if (s.op == dmsim::Op::Send && s.target == TASK_DATAMNGR_DATI_HDL) {
             const Bytes payload = s.payload.build();
-            at.u16(static_cast<uint16_t>(s.event_id)).u16(static_cast<uint16_t>(payload.size()));
-            at.bytes(payload.data(), payload.size());
+            Writer step;
+            step.u16(static_cast<uint16_t>(s.event_id)).u16(static_cast<uint16_t>(payload.size()));
+            at.push_back(step.bytes(payload.data(), payload.size()).out);
         } else if (s.op == dmsim::Op::At || s.op == dmsim::Op::AtRegister) {
             const std::string text = s.op == dmsim::Op::At ? s.text + "\r" : s.text;
-            at.u16(s.op == dmsim::Op::At ? EVENT_DATAMNGR_ATCMD_REQ : EVENT_DATAMNGR_ATCMD_REGISTER);
-            at.u16(static_cast<uint16_t>(text.size() + 1)).bytes(text.c_str(), text.size() + 1);
+            Writer step;
+            step.u16(s.op == dmsim::Op::At ? EVENT_DATAMNGR_ATCMD_REQ
+                                           : EVENT_DATAMNGR_ATCMD_REGISTER);
+            step.u16(static_cast<uint16_t>(text.size() + 1)).bytes(text.c_str(), text.size() + 1);
+            at.push_back(step.out);
             at_seen = true;
         } else if (s.op == dmsim::Op::Urc) {
             urc_seed(s.text);
         }
     }
-    if (!events.out.empty()) save(out / "dispatcher", name, Writer{{flags}}.bytes(events.out.data(), events.out.size()).out);
-    if (!at.out.empty()) save(out / "dati", name, Writer{{flags}}.bytes(at.out.data(), at.out.size()).out);
+    save_cut(out / "dispatcher", name, flags, events);
+    save_cut(out / "dati", name, flags, at);
 }
 
 // An RTM_NEWADDR message with one IPv6 address.

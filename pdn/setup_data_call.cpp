@@ -257,6 +257,10 @@ int32_t dm_setup_data_call_fail_ind(void *data, evfw_event_t *event) {
     resp.sim_byte = static_cast<uint8_t>(ind->sim_id & 0xffu);
 
     evfw_event_t *ind_event = evfw_event_alloc(event);
+    if (ind_event == nullptr) {
+        DM_LOGE("%s no event for the failed answer\n", __func__);
+        return -1;
+    }
     event_set_id(ind_event, EVENT_DATAMNGR_SETUP_DATA_CALL_RESP_IND);
     dm_setup_data_call_resp(&resp, ind_event);
     evfw_event_free(ind_event);

@@ -2,7 +2,8 @@
 // scenario table (a .scn file) against the library linked into the program,
 // in the deterministic runtime, and closes its event accounting: it passes
 // when every expectation held and every event is freed, held by the library
-// or one of the prescribed leaks.  Without it, the GoogleTest tables run.
+// or one of the prescribed leaks.  `dm_test --sweep FILE...` runs the fault
+// sweep (sweep.cpp).  Without either, the GoogleTest tables run.
 #include <gtest/gtest.h>
 
 #include <cstdio>
@@ -10,6 +11,7 @@
 #include <string>
 
 #include "common/seams.h"
+#include "common/tables.h"
 #include "dati/dati.h"
 #include "entity/datamngr.h"
 #include "pdn/pdn_info.h"
@@ -35,19 +37,9 @@ int run_table(const char *path) {
             return r == dmsim::NetnsResult::kUnprivileged ? kSkipped : dmsim::kExitEnv;
         }
     }
-    static const dmsim::EntityLinks links = {datamngr_entity_init,   datamngr_entity_exit,
-                                             datamngr_dati_task_hdl, dati_setup_data_call_resp,
-                                             dati_fail_resp,         dati_radio_power_resp,
-                                             dati_allow_data_resp,   find_pdn_info_by_index};
     dmsim::Options options;
-    options.linked = &links;
-    options.final_check = [] {
-        std::string problems = dm::testkit::accounting_problems(evfw_host::Runtime::instance());
-        if (const long lists = dm_test::ifaddrs_outstanding(); lists != 0) {
-            problems += std::to_string(lists) + " getifaddrs lists not freed; ";
-        }
-        return problems;
-    };
+    options.linked = &dm_test::linked_library();
+    options.final_check = [](dmsim::Sim &) { return dm_test::closing_problems(); };
     dm::testkit::reset_library_state();
     dm_test::fake_clock::reset();
     const int rc = dmsim::run_scenario(sc, options, stdout);
@@ -57,8 +49,29 @@ int run_table(const char *path) {
 
 }  // namespace
 
+namespace dm_test {
+
+const dmsim::EntityLinks &linked_library() {
+    static const dmsim::EntityLinks links = {datamngr_entity_init,   datamngr_entity_exit,
+                                             datamngr_dati_task_hdl, dati_setup_data_call_resp,
+                                             dati_fail_resp,         dati_radio_power_resp,
+                                             dati_allow_data_resp,   find_pdn_info_by_index};
+    return links;
+}
+
+std::string closing_problems() {
+    std::string problems = dm::testkit::accounting_problems(evfw_host::Runtime::instance());
+    if (const long lists = ifaddrs_outstanding(); lists != 0) {
+        problems += std::to_string(lists) + " getifaddrs lists not freed; ";
+    }
+    return problems;
+}
+
+}  // namespace dm_test
+
 int main(int argc, char **argv) {
     if (argc == 3 && std::strcmp(argv[1], "--scenario") == 0) return run_table(argv[2]);
+    if (argc >= 2 && std::strcmp(argv[1], "--sweep") == 0) return dm_test::run_sweep(argc, argv);
     ::testing::InitGoogleTest(&argc, argv);
     return RUN_ALL_TESTS();
 }

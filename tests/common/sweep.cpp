@@ -1,0 +1,228 @@
+// The fault sweep, as SQLite tests its allocation failures: each scenario
+// given is run again and again, each run with one call the library imports
+// failing: its 1st call, then its 2nd, and so on until a run no longer
+// reaches it.  Every run must close as a healthy run does: the failure
+// logged at error level by the routine that saw it (the first line after
+// it), every event freed, held by the library or a prescribed leak, no
+// getifaddrs list kept, and then, with the plan cleared, a fresh setup
+// request relayed and its answer written into the PDN table by the same
+// entity, or, when the failure hit the entity's init, by one loaded anew.
+// The scenario's own expectations may fail: a request refused for want of
+// an event is the point.  A run that does not reach the failure must pass
+// the scenario whole.
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include <android/log.h>
+
+#include "common/seams.h"
+#include "common/tables.h"
+#include "testkit/testkit.h"
+#include "tools/dmsim/netns.h"
+
+namespace dm_test {
+namespace {
+
+using evfw_host::FaultCall;
+using evfw_host::Runtime;
+
+struct Covered {
+    FaultCall call;
+    bool logs_error;  // its failure must be logged at error level
+    bool at_init;     // only the entity's init makes it
+};
+
+constexpr Covered kCovered[] = {
+        {FaultCall::EventAlloc, true, false},
+        {FaultCall::TaskSendEvent, true, false},
+        {FaultCall::ContextCommonSend, true, false},
+        {FaultCall::TaskBcastExtEvent, true, false},
+        {FaultCall::TaskSendRecvEvent, true, false},
+        {FaultCall::MutexInit, true, true},
+        {FaultCall::ThrdInit, true, true},
+        {FaultCall::TaskInit, true, true},
+        // An absent property is a state the library has defaults for; where
+        // the absence is an error, the library's own line says so.
+        {FaultCall::PropertyGet, false, false},
+        {FaultCall::Getifaddrs, true, false},
+        {FaultCall::IfIndexToName, true, false},
+        {FaultCall::Socket, true, false},
+        {FaultCall::Bind, true, false},
+        {FaultCall::Send, true, false},
+        {FaultCall::Recv, true, false},
+        {FaultCall::System, true, false},
+};
+
+// The fresh request, relayed to the RIL proxy and its answer written, once
+// the RIL proxy is ready (which flushes what the run left queued).
+constexpr const char *kPeersReady = "ril auto\nannounce rildproxy\nannounce lanmngr\n";
+constexpr const char *kFreshRequest = R"(send lanmngr 4003 apn=sweep interface_id=3 ip_type=0
+expect rildproxy 4003 apn=sweep interface_id=3
+expect-pdn 3 active=1 cid=3 interface_id=3
+)";
+
+struct Outcome {
+    bool reached = false;  // the planned call was made, and failed
+    bool held = false;     // the scenario's expectations all held
+    std::string problems;
+};
+
+std::string unlogged_failure(const Runtime &rt) {
+    const std::vector<evfw_host::LogLine> logs = rt.logs();
+    for (const evfw_host::Diagnostic &d : rt.diagnostics()) {
+        if (!d.text.starts_with("fault plan: ")) continue;
+        if (d.after_log < logs.size() && logs[d.after_log].prio == ANDROID_LOG_ERROR) return "";
+        return "not logged as an error (next line: " +
+               (d.after_log < logs.size() ? logs[d.after_log].text : "none") + "); ";
+    }
+    return "";
+}
+
+struct Fresh {
+    dmsim::Scenario ready, request, both;
+};
+
+std::string serve_fresh(dmsim::Sim &sim, const Fresh &fresh, FILE *sink) {
+    sim.script([](dmsim::RilScript &r) { r = dmsim::RilScript{}; });
+    dmsim::run_steps(sim, fresh.ready, false, sink);
+    sim.consume_all();
+    if (dmsim::run_steps(sim, fresh.request, false, sink).failed != 0) {
+        return "the entity no longer serves a fresh setup; ";
+    }
+    return closing_problems();
+}
+
+Outcome run_once(const dmsim::Scenario &sc, const Covered &c, uint64_t nth, const Fresh &fresh,
+                 FILE *sink) {
+    Outcome o;
+    dmsim::Options opt;
+    opt.linked = &linked_library();
+    opt.faults = {Runtime::fault_call_name(c.call) + (":" + std::to_string(nth))};
+    opt.final_check = [&](dmsim::Sim &sim) {
+        Runtime &rt = sim.rt();
+        o.reached = rt.faults(c.call) != 0;
+        if (o.reached && c.logs_error) o.problems += unlogged_failure(rt);
+        o.problems += closing_problems();
+        rt.clear_faults();
+        if (o.reached && !c.at_init) o.problems += serve_fresh(sim, fresh, sink);
+        return std::string();
+    };
+    dm::testkit::reset_library_state();
+    fake_clock::reset();
+    o.held = dmsim::run_scenario(sc, opt, sink) == dmsim::kExitPass;
+    if (o.reached && c.at_init) {
+        dmsim::Options again;
+        again.linked = &linked_library();
+        again.final_check = [](dmsim::Sim &) { return closing_problems(); };
+        dm::testkit::reset_library_state();
+        if (dmsim::run_scenario(fresh.both, again, sink) != dmsim::kExitPass) {
+            o.problems += "a fresh load does not serve a setup; ";
+        }
+    }
+    if (!o.reached && !o.held) o.problems += "the scenario fails without a failed call; ";
+    dm::testkit::reset_library_state();
+    return o;
+}
+
+struct Tally {
+    long runs = 0;
+    long failed_calls = 0;
+    long held = 0;  // of those, the scenario's expectations still all held
+    long problems = 0;
+};
+
+}  // namespace
+
+int run_sweep(int argc, char **argv) {
+    FILE *sink = std::fopen("/dev/null", "w");
+    std::string error;
+    Fresh fresh;
+    const std::string both = std::string(kPeersReady) + kFreshRequest;
+    if (sink == nullptr || !dmsim::parse_scenario("peers ready", kPeersReady, fresh.ready, error) ||
+        !dmsim::parse_scenario("fresh request", kFreshRequest, fresh.request, error) ||
+        !dmsim::parse_scenario("fresh load", both, fresh.both, error)) {
+        std::fprintf(stderr, "fault sweep: %s\n", error.c_str());
+        return dmsim::kExitEnv;
+    }
+    Tally per_call[std::size(kCovered)];
+    int scenarios = 0;
+    int skipped = 0;
+    for (int i = 2; i < argc; ++i) {
+        dmsim::Scenario sc;
+        if (!dmsim::parse_scenario_file(argv[i], sc, error)) {
+            std::fprintf(stderr, "%s\n", error.c_str());
+            return dmsim::kExitUsage;
+        }
+        // Each scenario in a namespace of its own where possible, so that
+        // none sees the interfaces of the one before.
+        if (!sc.ifaces.empty() || geteuid() == 0) {
+            const dmsim::NetnsResult r = dmsim::enter_netns(sc.ifaces, error);
+            if (r == dmsim::NetnsResult::kUnprivileged) {
+                std::printf("%s skipped: %s\n", argv[i], error.c_str());
+                ++skipped;
+                continue;
+            }
+            if (r != dmsim::NetnsResult::kOk) {
+                std::fprintf(stderr, "%s: %s\n", argv[i], error.c_str());
+                return dmsim::kExitEnv;
+            }
+        }
+        ++scenarios;
+        for (size_t k = 0; k < std::size(kCovered); ++k) {
+            const Covered &c = kCovered[k];
+            for (uint64_t nth = 1;; ++nth) {
+                const Outcome o = run_once(sc, c, nth, fresh, sink);
+                Tally &t = per_call[k];
+                ++t.runs;
+                t.failed_calls += o.reached;
+                t.held += o.reached && o.held;
+                if (!o.problems.empty()) {
+                    ++t.problems;
+                    run_once(sc, c, nth, fresh, stdout);  // shown, for the diagnosis
+                    std::printf("PROBLEM %s with %s:%llu: %s\n", argv[i],
+                                Runtime::fault_call_name(c.call),
+                                static_cast<unsigned long long>(nth), o.problems.c_str());
+                }
+                if (!o.reached) break;
+            }
+        }
+    }
+    Tally all;
+    std::printf("%-26s %6s %7s %8s %7s %8s\n", "call", "runs", "failed", "refused", "served",
+                "problems");
+    for (size_t k = 0; k < std::size(kCovered); ++k) {
+        const Tally &t = per_call[k];
+        std::printf("%-26s %6ld %7ld %8ld %7ld %8ld\n", Runtime::fault_call_name(kCovered[k].call),
+                    t.runs, t.failed_calls, t.failed_calls - t.held, t.held, t.problems);
+        all.runs += t.runs;
+        all.failed_calls += t.failed_calls;
+        all.held += t.held;
+        all.problems += t.problems;
+    }
+    std::string unreached;
+    for (size_t k = 0; k < std::size(kCovered); ++k) {
+        if (per_call[k].failed_calls == 0) {
+            unreached += std::string(" ") + Runtime::fault_call_name(kCovered[k].call);
+        }
+    }
+    if (!unreached.empty()) {
+        std::printf(
+                "not reached by these scenarios (entity/faults_test.cpp fails them where "
+                "they are called):%s\n",
+                unreached.c_str());
+    }
+    std::printf(
+            "fault sweep: %d scenarios (%d skipped), %zu calls, %ld runs, %ld calls failed: "
+            "%ld runs with a request refused, %ld with every expectation still met, "
+            "%ld with problems\n",
+            scenarios, skipped, std::size(kCovered), all.runs, all.failed_calls,
+            all.failed_calls - all.held, all.held, all.problems);
+    std::fclose(sink);
+    return all.problems == 0 && scenarios > 0 ? 0 : 1;
+}
+
+}  // namespace dm_test

@@ -1,0 +1,22 @@
+// The modes of the test program besides its GoogleTest tables: a scenario
+// table run in-process, and the fault sweep over the shipped scenarios.
+#ifndef TESTS_COMMON_TABLES_H
+#define TESTS_COMMON_TABLES_H
+
+#include <string>
+
+#include "tools/dmsim/sim.h"
+
+namespace dm_test {
+
+// The library's entry points as linked into this program.
+const dmsim::EntityLinks &linked_library();
+// What a run leaves wrong: events unaccounted for, events freed twice, the
+// dispatcher's event kept, getifaddrs lists not freed.  Empty when nothing.
+std::string closing_problems();
+// Fails each covered call of each scenario in turn (main.cpp: --sweep).
+int run_sweep(int argc, char **argv);
+
+}  // namespace dm_test
+
+#endif  // TESTS_COMMON_TABLES_H
