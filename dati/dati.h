@@ -75,12 +75,15 @@ static_assert(offsetof(DeactDataCallInd, sim_id) == 8);
 struct DatiAtcEntry;
 typedef int32_t (*dati_atc_hdl_t)(const DatiAtcEntry *row, char *params, evfw_event_t **held);
 struct DatiAtcEntry {
-    const char *command;  // with the "AT" prefix
+    DM_PTR_SLOT(const char *, command);  // with the "AT" prefix
     int32_t param_count;
-    const char *const *param_names;
-    dati_atc_hdl_t assign_hdl;  // "=" form, or none
-    dati_atc_hdl_t query_hdl;   // "?" form, or none
+    DM_PTR_SLOT(const char *const *, param_names);
+    DM_PTR_SLOT(dati_atc_hdl_t, assign_hdl);  // "=" form, or none
+    DM_PTR_SLOT(dati_atc_hdl_t, query_hdl);   // "?" form, or none
 };
+static_assert(sizeof(DatiAtcEntry) == 40);
+static_assert(offsetof(DatiAtcEntry, param_names) == 16);
+static_assert(offsetof(DatiAtcEntry, query_hdl) == 32);
 
 constexpr int kDatiAtcRows = 7;
 

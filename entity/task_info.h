@@ -11,6 +11,7 @@
 #ifndef TASK_INFO_H
 #define TASK_INFO_H
 
+#include <stddef.h>
 #include <stdint.h>
 
 #include "entity/dm_export.h"
@@ -24,12 +25,16 @@ enum TaskDest : int32_t {
 };
 
 struct TaskInfo {
-    const char *name;
-    evfw_event_t *event;  // the latest announcement, owned by the registry
-    int32_t dest;         // TaskDest
+    DM_PTR_SLOT(const char *, name);
+    DM_PTR_SLOT(evfw_event_t *, event);  // the latest announcement, owned by the registry
+    int32_t dest;                        // TaskDest
     uint32_t task_id;
     uint32_t flag;
 };
+static_assert(sizeof(TaskInfo) == 32);
+static_assert(offsetof(TaskInfo, event) == 8);
+static_assert(offsetof(TaskInfo, dest) == 16);
+static_assert(offsetof(TaskInfo, flag) == 24);
 
 constexpr int kTaskInfoRows = 12;
 constexpr int kPendingMax = 8;

@@ -29,9 +29,17 @@ struct PdnInfo {
     uint32_t prefix_len;
     uint32_t preferred_lifetime;
     uint32_t valid_lifetime;
-    TaskInfo *owner;  // registry row of the requester; null from a network indication
+    // registry row of the requester; null from a network indication
+    DM_PTR_SLOT(TaskInfo *, owner);
     DataCallEntry call;
 };
+static_assert(sizeof(PdnInfo) == 4264);
+static_assert(offsetof(PdnInfo, ifname) == 20);
+static_assert(offsetof(PdnInfo, apn) == 148);
+static_assert(offsetof(PdnInfo, addr_type) == 276);
+static_assert(offsetof(PdnInfo, valid_lifetime) == 288);
+static_assert(offsetof(PdnInfo, owner) == 296);
+static_assert(offsetof(PdnInfo, call) == 304);
 
 constexpr int kPdnRows = 16;
 constexpr int kEpdgCidBase = 100;
