@@ -20,11 +20,6 @@ bool accepts(evfw_rx_cond_t cond, const evfw_event *ev, const void *arg, size_t 
 
 }  // namespace
 
-Core &core() {
-    static Core instance;
-    return instance;
-}
-
 Core::Core() {
     rvn_pid = getpid();
 }
@@ -56,6 +51,7 @@ evfw_context *Core::make_context_locked(evfw_context::Kind kind, uint32_t id, ui
     c->name = name;
     evfw_context *p = c.get();
     contexts[id] = std::move(c);
+    if (id < kDirectIds) direct_[id] = p;
     live_ctx.insert(p);
     return p;
 }
@@ -63,7 +59,7 @@ evfw_context *Core::make_context_locked(evfw_context::Kind kind, uint32_t id, ui
 evfw_context *Core::task_ctx_locked(const evfw_task_t *task) {
     if (task == nullptr || task->fw == nullptr) return nullptr;
     auto *c = static_cast<evfw_context *>(task->fw);
-    return live_ctx.count(c) != 0 && c->task == task ? c : nullptr;
+    return known_live_locked(c) && c->task == task ? c : nullptr;
 }
 
 void Core::start_worker_locked(evfw_context *c) {
@@ -115,7 +111,9 @@ std::unique_ptr<evfw_context> Core::remove_context_locked(uint32_t id) {
     if (it == contexts.end()) return nullptr;
     std::unique_ptr<evfw_context> c = std::move(it->second);
     contexts.erase(it);
+    if (id < kDirectIds) direct_[id] = nullptr;
     live_ctx.erase(c.get());
+    live_hint_[0] = live_hint_[1] = nullptr;
     // Deterministic mode: what is still queued for it can no longer arrive.
     fifo.remove_if([id](const Item &item) {
         if (item.to != id) return false;
@@ -213,7 +211,6 @@ void Core::set_peer_handler(evfw_context *c, PeerHandler handler) {
 // ---- sending ----------------------------------------------------------------------
 
 void Core::trace_send_locked(uint32_t from, uint32_t to, const evfw_event *ev, bool dropped) {
-    if (!trace_on.load(std::memory_order_relaxed)) return;
     TraceEntry e;
     e.from = from;
     e.to = to;
@@ -232,18 +229,17 @@ void Core::trace_send_locked(uint32_t from, uint32_t to, const evfw_event *ev, b
 // Records the send and hands the event to the destination's queue, or frees
 // it when nothing will deliver it.  The event's route is already set.
 void Core::post_locked(uint32_t from, evfw_event *ev, uint32_t to) {
-    auto it = contexts.find(to);
-    if (it == contexts.end()) {
-        trace_send_locked(from, to, ev, true);
+    evfw_context *c = find_ctx_locked(to);
+    if (c == nullptr) {
+        if (trace_on.load(std::memory_order_relaxed)) trace_send_locked(from, to, ev, true);
         evfw_event_free(ev);
         return;
     }
-    trace_send_locked(from, to, ev, false);
+    if (trace_on.load(std::memory_order_relaxed)) trace_send_locked(from, to, ev, false);
     if (!threaded()) {
         fifo.push_back(Item{from, to, ev});
         return;
     }
-    evfw_context *c = it->second.get();
     if (!c->has_worker || c->stop) {
         // A peer without handler (or a task being stopped): nothing runs.
         evfw_event_free(ev);
@@ -261,13 +257,18 @@ void Core::post_locked(uint32_t from, evfw_event *ev, uint32_t to) {
 
 int Core::send(evfw_context *from, evfw_event *ev, uint32_t to) {
     if (from == nullptr || ev == nullptr) return -1;
-    if (!event_is_live(ev)) {
-        diag("send of event %p to %u: the event is not live; refused", static_cast<void *>(ev), to);
+    HotLock lk(*this);
+    if (!known_live_locked(from)) {
+        diag("send of event %u to %u from a context that does not exist; refused",
+             event_is_live(ev) ? ev->id : 0, to);
         return -1;
     }
-    std::lock_guard lk(mu);
-    if (live_ctx.count(from) == 0) {
-        diag("send of event %u to %u from a context that does not exist; refused", ev->id, to);
+    return send_locked(from, ev, to);
+}
+
+int Core::send_locked(evfw_context *from, evfw_event *ev, uint32_t to) {
+    if (!event_is_live(ev)) {
+        diag("send of event %p to %u: the event is not live; refused", static_cast<void *>(ev), to);
         return -1;
     }
     if (ev->chnl == 0) {
@@ -280,17 +281,14 @@ int Core::send(evfw_context *from, evfw_event *ev, uint32_t to) {
 
 int Core::send_from_task(evfw_task_t *from, evfw_event *ev, uint32_t to, const char *what) {
     if (from == nullptr || ev == nullptr) return -1;
-    evfw_context *c;
-    {
-        std::lock_guard lk(mu);
-        c = task_ctx_locked(from);
-    }
+    HotLock lk(*this);
+    evfw_context *c = task_ctx_locked(from);
     if (c == nullptr) {
         diag("%s from task %u, which is not initialised (or has exited); refused", what,
              from->task_id);
         return -1;
     }
-    return send(c, ev, to);
+    return send_locked(c, ev, to);
 }
 
 int Core::bcast(evfw_task_t *from, evfw_event *ev) {
@@ -314,7 +312,9 @@ int Core::bcast(evfw_task_t *from, evfw_event *ev) {
     for (auto &[id, ctx] : contexts) {
         if (ctx->ext_id != 0) clients.push_back(id);
     }
-    if (clients.empty()) trace_send_locked(c->id, 0, ev, true);
+    if (clients.empty() && trace_on.load(std::memory_order_relaxed)) {
+        trace_send_locked(c->id, 0, ev, true);
+    }
     for (uint32_t to : clients) {
         evfw_event *copy = event_clone(ev);
         if (copy == nullptr) {
@@ -332,9 +332,8 @@ int Core::bcast(evfw_task_t *from, evfw_event *ev) {
 Delivery Core::prepare_locked(const Item &item) {
     Delivery d;
     d.item = item;
-    auto it = contexts.find(item.to);
-    if (it == contexts.end()) return d;
-    evfw_context *c = it->second.get();
+    evfw_context *c = find_ctx_locked(item.to);
+    if (c == nullptr) return d;
     if (c->ctx_hdl != nullptr) {
         d.kind = Delivery::Kind::CtxHdl;
         d.ctx_hdl = c->ctx_hdl;
@@ -383,7 +382,12 @@ void Core::run(Delivery &d) {
             evfw_event_free(ev);
             break;
     }
-    ++deliveries_;
+    if (threaded()) {
+        deliveries_.fetch_add(1, std::memory_order_relaxed);
+    } else {
+        deliveries_.store(deliveries_.load(std::memory_order_relaxed) + 1,
+                          std::memory_order_relaxed);
+    }
 }
 
 bool Core::waiting_locked(uint32_t task_id) const {
@@ -392,6 +396,12 @@ bool Core::waiting_locked(uint32_t task_id) const {
 
 // The first queued item not addressed to a task blocked in send-and-wait.
 bool Core::pop_deliverable_locked(Item &out) {
+    if (waiting.empty()) {  // nobody waits: the front
+        if (fifo.empty()) return false;
+        out = fifo.front();
+        fifo.pop_front();
+        return true;
+    }
     for (size_t i = 0; i < fifo.size(); ++i) {
         if (!waiting_locked(fifo[i].to)) {
             out = fifo[i];
@@ -408,19 +418,33 @@ size_t Core::pump() {
         wait_idle(wait_limit());
         return deliveries_.load() - before;
     }
+    // One thread, no lock: each item goes straight to its receiver.
     size_t n = 0;
-    for (;;) {
-        Delivery d;
-        {
-            std::lock_guard lk(mu);
-            Item item;
-            if (!pop_deliverable_locked(item)) break;
-            d = prepare_locked(item);
-        }
-        run(d);
-        ++n;
-    }
+    for (Item item; pop_deliverable_locked(item); ++n) deliver_now(item);
     return n;
+}
+
+void Core::deliver_now(const Item &item) {
+    evfw_event *ev = item.ev;
+    evfw_context *c = find_ctx_locked(item.to);
+    if (c == nullptr) {
+        evfw_event_free(ev);
+    } else if (c->ctx_hdl != nullptr) {
+        c->ctx_hdl(c, ev, c->ctx_entity != nullptr ? c->ctx_entity->priv : nullptr);
+    } else if (c->hdl != nullptr) {
+        c->hdl(c->task, ev, c->hdl_arg);
+    } else if (c->peer_hdl != nullptr) {
+        Delivery d;  // holds the handler while it runs: it may replace itself
+        d.kind = Delivery::Kind::Peer;
+        d.item = item;
+        d.peer_hdl = c->peer_hdl;
+        d.peer = c->peer;
+        run(d);
+        return;
+    } else {
+        evfw_event_free(ev);
+    }
+    deliveries_.store(deliveries_.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
 }
 
 bool Core::wait_idle(std::chrono::milliseconds timeout) {
@@ -614,7 +638,9 @@ void Core::teardown() {
         std::lock_guard lk(mu);
         for (auto &[id, c] : contexts) rest.push_back(std::move(c));
         contexts.clear();
+        direct_.fill(nullptr);
         live_ctx.clear();
+        live_hint_[0] = live_hint_[1] = nullptr;
         queued.swap(fifo);
         waiting.clear();
         pending_threads.clear();
@@ -670,6 +696,7 @@ void Core::reset(Mode m) {
     bad_unlocks_ = 0;
     timeouts_ = 0;
     last_error.clear();
+    event_store().set_single_threaded(m == Mode::Deterministic);
     event_store().new_generation(!keep_loaded());
     rvn_pid = getpid();
 }

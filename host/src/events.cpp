@@ -117,38 +117,86 @@ void unpoison_pooled(evfw_event *ev) {
 
 }  // namespace
 
-EventStore::~EventStore() {
-    drain_pool();
+// The store's lock, taken unless the store is used from one thread only.
+class StoreLock {
+  public:
+    explicit StoreLock(EventStore &store) : mu_(store.single() ? nullptr : &store.mu_) {
+        if (mu_ != nullptr) mu_->lock();
+    }
+    ~StoreLock() {
+        if (mu_ != nullptr) mu_->unlock();
+    }
+    StoreLock(const StoreLock &) = delete;
+    StoreLock &operator=(const StoreLock &) = delete;
+
+  private:
+    std::mutex *mu_;
+};
+
+namespace {
+
+bool has_block(const evfw_event *ev) {
+    return ev->buf != ev->inline_data;
 }
 
-bool EventStore::pooling() {
-    int p = pooling_.load(std::memory_order_relaxed);
-    if (p < 0) {
-        const char *env = getenv("EVFW_HOST_POOL");
-        p = (env != nullptr && strcmp(env, "0") == 0) ? 0 : 1;
-        pooling_.store(p, std::memory_order_relaxed);
-    }
+}  // namespace
+
+bool EventStore::read_pooling() {
+    const char *env = getenv("EVFW_HOST_POOL");
+    const int p = (env != nullptr && strcmp(env, "0") == 0) ? 0 : 1;
+    pooling_.store(p, std::memory_order_relaxed);
     return p != 0;
 }
 
+// The free list and the stashed buffers are dropped; the chunks stay, with
+// whatever events of theirs are still live.
 void EventStore::drain_pool() {
-    evfw_event *list;
     {
-        std::lock_guard lk(mu_);
-        list = head_;
+        StoreLock lk(*this);
         head_ = tail_ = nullptr;
     }
-    while (list != nullptr) {
-        evfw_event *next = list->next;
-        unpoison_pooled(list);
-        free(list->buf);
-        delete list;
-        list = next;
-    }
-    std::lock_guard lk(mu_);
+    StoreLock lk(*this);
     for (BufferClass &c : classes_) {
         while (c.count > 0) free(c.bufs[--c.count]);
     }
+}
+
+EventStore::~EventStore() {
+    drain_pool();
+    while (chunks_ != nullptr) {
+        Chunk *next = chunks_->next;
+        ASAN_UNPOISON_MEMORY_REGION(chunks_, sizeof(Chunk));
+        for (evfw_event &ev : chunks_->events) {
+            if (has_block(&ev) && ev.state.load(std::memory_order_relaxed) == kEventLive) {
+                free(ev.buf);
+            }
+        }
+        delete chunks_;
+        chunks_ = next;
+    }
+}
+
+bool EventStore::grow_locked() {
+    auto *chunk = new (std::nothrow) Chunk;
+    if (chunk == nullptr) return false;
+    chunk->next = chunks_;
+    chunks_ = chunk;
+    for (evfw_event &ev : chunk->events) {
+        ev.pooled = true;
+        push_free_locked(&ev);
+    }
+    return true;
+}
+
+void EventStore::push_free_locked(evfw_event *ev) {
+    ev->next = nullptr;
+    poison_pooled(ev);
+    if (tail_ != nullptr) {
+        tail_->next = ev;
+    } else {
+        head_ = ev;
+    }
+    tail_ = ev;
 }
 
 namespace {
@@ -174,7 +222,7 @@ bool EventStore::take_buffer(size_t need, uint8_t **buf, size_t *cap) {
         ++k;
     }
     if (size > kPoolKeepBuffer) return false;
-    std::lock_guard lk(mu_);
+    StoreLock lk(*this);
     BufferClass &c = classes_[k];
     if (c.count == 0) return false;
     *buf = c.bufs[--c.count];
@@ -187,7 +235,7 @@ void EventStore::give_buffer(uint8_t *buf, size_t cap) {
     if (buf == nullptr) return;
     int k = pooling() ? buffer_class(cap) : -1;
     if (k >= 0) {
-        std::lock_guard lk(mu_);
+        StoreLock lk(*this);
         BufferClass &c = classes_[k];
         if (c.count < kBuffersPerClass) {
             c.bufs[c.count++] = buf;
@@ -216,21 +264,15 @@ void EventStore::unlink_live_locked(evfw_event *ev) {
 }
 
 evfw_event *EventStore::alloc() {
-    const bool pool = pooling();
-    std::unique_lock lk(mu_);
-    evfw_event *ev = pool ? head_ : nullptr;
-    if (ev != nullptr) {
+    evfw_event *ev = nullptr;
+    if (single() && pooling() && (ev = head_) != nullptr) {  // one thread, a pooled event at hand
         head_ = ev->next;
         if (head_ == nullptr) tail_ = nullptr;
         unpoison_pooled(ev);
     } else {
-        lk.unlock();
-        ev = new (std::nothrow) evfw_event;
+        ev = take_slow();
         if (ev == nullptr) return nullptr;
-        lk.lock();
     }
-    link_live_locked(ev);
-    lk.unlock();
     ev->gen = gen_.load(std::memory_order_relaxed);
     ev->id = 0;
     ev->chnl = 0;
@@ -238,60 +280,89 @@ evfw_event *EventStore::alloc() {
     ev->len = 0;
     ev->next = nullptr;
     ev->state.store(kEventLive, std::memory_order_release);
-    live_count_.fetch_add(1, std::memory_order_relaxed);
-    allocated_.fetch_add(1, std::memory_order_relaxed);
+    count(live_count_, 1L);
+    count(allocated_, uint64_t{1});
+    return ev;
+}
+
+evfw_event *EventStore::take_slow() {
+    evfw_event *ev = nullptr;
+    if (pooling()) {
+        StoreLock lk(*this);
+        if (head_ == nullptr && !grow_locked()) return nullptr;
+        ev = head_;
+        head_ = ev->next;
+        if (head_ == nullptr) tail_ = nullptr;
+        unpoison_pooled(ev);
+    } else {
+        ev = new (std::nothrow) evfw_event;
+        if (ev == nullptr) return nullptr;
+        StoreLock lk(*this);
+        link_live_locked(ev);
+    }
     return ev;
 }
 
 void EventStore::release(evfw_event *ev) {
-    uint32_t expected = kEventLive;
-    if (!ev->state.compare_exchange_strong(expected, kEventFree, std::memory_order_acq_rel)) {
+    bool was_live;
+    if (single()) {
+        was_live = ev->state.load(std::memory_order_relaxed) == kEventLive;
+        if (was_live) ev->state.store(kEventFree, std::memory_order_relaxed);
+    } else {
+        uint32_t expected = kEventLive;
+        was_live =
+                ev->state.compare_exchange_strong(expected, kEventFree, std::memory_order_acq_rel);
+    }
+    if (!was_live) {
         ++bad_frees_;
         diag("evfw_event_free(%p): the event is not live (freed before?); ignored",
              static_cast<void *>(ev));
         return;
     }
     if (ev->gen == gen_.load(std::memory_order_relaxed)) {
-        live_count_.fetch_sub(1, std::memory_order_relaxed);
-        freed_.fetch_add(1, std::memory_order_relaxed);
+        count(live_count_, -1L);
+        count(freed_, uint64_t{1});
     }
-    if (!pooling()) {
+    if (!ev->pooled) {
         {
-            std::lock_guard lk(mu_);
+            StoreLock lk(*this);
             unlink_live_locked(ev);
         }
-        free(ev->buf);
+        if (has_block(ev)) free(ev->buf);
         delete ev;
         return;
     }
-    uint8_t *buf = ev->buf;
-    size_t cap = ev->cap;
-    ev->buf = nullptr;
-    ev->cap = 0;
+    if (has_block(ev)) give_buffer(ev->buf, ev->cap);
+    ev->buf = ev->inline_data;
+    ev->cap = evfw_event::kInlineData;
     ev->len = 0;
-    give_buffer(buf, cap);
-    ev->next = nullptr;
-    poison_pooled(ev);
-    std::lock_guard lk(mu_);
-    unlink_live_locked(ev);
-    if (tail_ != nullptr) {
-        tail_->next = ev;
-    } else {
-        head_ = ev;
+    // Back at the tail: the oldest freed event is reused first, so that a
+    // recently freed one stays recognisable.  Not while the pool is off.
+    if (!pooling()) {
+        poison_pooled(ev);
+        return;
     }
-    tail_ = ev;
+    StoreLock lk(*this);
+    push_free_locked(ev);
 }
 
 void EventStore::new_generation(bool reclaim) {
     ++gen_;
-    while (reclaim) {
-        evfw_event *ev;
-        {
-            std::lock_guard lk(mu_);
-            ev = live_;
+    if (reclaim) {
+        for (Chunk *c = chunks_; c != nullptr; c = c->next) {
+            for (evfw_event &ev : c->events) {
+                if (ev.state.load(std::memory_order_relaxed) == kEventLive) release(&ev);
+            }
         }
-        if (ev == nullptr) break;
-        release(ev);
+        for (;;) {
+            evfw_event *ev;
+            {
+                StoreLock lk(*this);
+                ev = live_;
+            }
+            if (ev == nullptr) break;
+            release(ev);
+        }
     }
     live_count_ = 0;
     allocated_ = 0;
@@ -370,6 +441,21 @@ void *event_get_data(evfw_event_t *event, size_t offset, size_t *len) {
 
 evfw_event_t *event_set_data(evfw_event_t *event, size_t offset, const void *data, size_t len) {
     if (event == nullptr || (data == nullptr && len != 0)) return nullptr;
+    if (offset == 0 && len <= event->cap) {  // the whole data, where it fits
+        if (len != 0) memmove(event->buf, data, len);
+        event->len = len;
+        return event;
+    }
+    return evfw_host::set_data_slow(event, offset, data, len);
+}
+
+}  // extern "C"
+
+namespace evfw_host {
+
+// Apart from the common case, so that the common case stays a leaf.
+__attribute__((noinline)) evfw_event *set_data_slow(evfw_event *event, size_t offset,
+                                                    const void *data, size_t len) {
     if (offset > SIZE_MAX - len) return nullptr;
     const size_t end = offset + len;
     if (end > event->cap) {
@@ -377,7 +463,7 @@ evfw_event_t *event_set_data(evfw_event_t *event, size_t offset, const void *dat
         uint8_t *buf = nullptr;
         size_t cap = 0;
         if (!g_store.take_buffer(end, &buf, &cap)) {
-            cap = event->cap < 64 ? 64 : event->cap;
+            cap = event->cap;
             while (cap < end) cap = cap > SIZE_MAX / 2 ? end : cap * 2;
             buf = static_cast<uint8_t *>(malloc(cap));
             if (buf == nullptr) return nullptr;
@@ -385,7 +471,7 @@ evfw_event_t *event_set_data(evfw_event_t *event, size_t offset, const void *dat
         const size_t keep = offset < event->len ? offset : event->len;
         if (keep != 0) memcpy(buf, event->buf, keep);
         if (len != 0) memcpy(buf + offset, data, len);
-        g_store.give_buffer(event->buf, event->cap);
+        if (has_block(event)) g_store.give_buffer(event->buf, event->cap);
         event->buf = buf;
         event->cap = cap;
     } else if (len != 0) {
@@ -396,6 +482,10 @@ evfw_event_t *event_set_data(evfw_event_t *event, size_t offset, const void *dat
     event->len = end;
     return event;
 }
+
+}  // namespace evfw_host
+
+extern "C" {
 
 uint32_t evfw_event_get_ext_id(const evfw_event_t *event) {
     return event != nullptr ? event->ext_id : 0;

@@ -75,9 +75,10 @@ bool parse_number(std::string_view text, T &out) {
 }  // namespace
 
 bool fault(FaultCall call, int *status) {
+    // Unarmed, a call costs this one load: the hot paths stay as they are.
+    if (!g_faults.armed.load(std::memory_order_acquire)) return false;
     const size_t i = static_cast<size_t>(call);
     const uint64_t n = g_faults.calls[i].fetch_add(1, std::memory_order_relaxed) + 1;
-    if (!g_faults.armed.load(std::memory_order_acquire)) return false;
     bool fail = false;
     {
         std::lock_guard lk(g_faults.mu);
@@ -147,6 +148,11 @@ bool Runtime::add_fault(std::string_view spec, std::string &error) {
     }
     std::lock_guard lk(g_faults.mu);
     if (g_faults.plans == nullptr) g_faults.plans = new std::vector<Plan>;
+    if (!g_faults.armed) {
+        // The first plan starts the count.
+        for (auto &c : g_faults.calls) c = 0;
+        for (auto &c : g_faults.failed) c = 0;
+    }
     g_faults.plans->push_back(p);
     g_faults.armed = true;
     return true;

@@ -8,6 +8,7 @@
 #ifndef EVFW_HOST_INTERNAL_H
 #define EVFW_HOST_INTERNAL_H
 
+#include <array>
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
@@ -34,17 +35,24 @@ inline constexpr uint32_t kEventLive = 0x4556'4c56u;  // "EVLV"
 inline constexpr uint32_t kEventFree = 0x4556'4652u;  // "EVFR"
 
 struct evfw_event {
+    // Data up to this size stays in the event itself: the small events (a
+    // relayed request, an answer word pair) take no block of their own.
+    static constexpr size_t kInlineData = 64;
+
     std::atomic<uint32_t> state{kEventFree};
     uint32_t gen = 0;  // accounting generation (see EventStore)
     uint32_t id = 0;
     uint32_t chnl = 0;
     uint32_t ext_id = 0;
-    uint8_t *buf = nullptr;
+    uint8_t *buf = inline_data;  // inline_data, or a block of its own
     size_t len = 0;
-    size_t cap = 0;
+    size_t cap = kInlineData;
+    alignas(8) uint8_t inline_data[kInlineData];
     evfw_event *next = nullptr;  // recycle pool link
-    // Live list (EventStore), so that the events of a finished run can be
-    // reclaimed.
+    // An event of the pool lives in one of its chunks for the life of the
+    // process; any other is on the live list (EventStore), so that the
+    // events of a finished run can be reclaimed either way.
+    bool pooled = false;
     evfw_event *live_prev = nullptr;
     evfw_event *live_next = nullptr;
 };
@@ -100,6 +108,10 @@ class EventStore {
     // EVFW_HOST_POOL.
     void new_generation(bool reclaim);
 
+    // The deterministic runtime uses the store from one thread: it then
+    // takes no lock and counts with plain loads and stores.
+    void set_single_threaded(bool single) { single_.store(single); }
+
     long live() const { return live_count_.load(); }
     uint64_t allocated() const { return allocated_.load(); }
     uint64_t freed() const { return freed_.load(); }
@@ -114,8 +126,26 @@ class EventStore {
     void give_buffer(uint8_t *buf, size_t cap);
 
   private:
-    bool pooling();
+    bool pooling() {
+        const int p = pooling_.load(std::memory_order_relaxed);
+        return p >= 0 ? p != 0 : read_pooling();
+    }
+    bool read_pooling();
+    // alloc() beyond one thread taking a pooled event at hand.
+    __attribute__((noinline)) evfw_event *take_slow();
     void drain_pool();
+    // A new chunk of pooled events onto the free list; false without memory.
+    bool grow_locked();
+    void push_free_locked(evfw_event *ev);
+
+    // Pooled events come in chunks, kept to the end of the process: the
+    // free list runs through them, and a reclaim walks them.
+    static constexpr size_t kChunkEvents = 128;
+    struct Chunk {
+        evfw_event events[kChunkEvents];
+        Chunk *next = nullptr;
+    };
+    Chunk *chunks_ = nullptr;
 
     static constexpr size_t kMinBuffer = 64;
     static constexpr int kBufferClasses = 11;  // 64 B .. 64 KiB
@@ -128,9 +158,21 @@ class EventStore {
 
     void link_live_locked(evfw_event *ev);
     void unlink_live_locked(evfw_event *ev);
+    bool single() const { return single_.load(std::memory_order_relaxed); }
+    template <class T>
+    void count(std::atomic<T> &counter, T delta) {
+        if (single()) {
+            counter.store(counter.load(std::memory_order_relaxed) + delta,
+                          std::memory_order_relaxed);
+        } else {
+            counter.fetch_add(delta, std::memory_order_relaxed);
+        }
+    }
+    friend class StoreLock;
 
+    std::atomic<bool> single_{false};
     std::mutex mu_;
-    evfw_event *live_ = nullptr;    // the live list
+    evfw_event *live_ = nullptr;    // the live list (events not from the pool)
     evfw_event *head_ = nullptr;    // oldest freed event: reused first, so a
     evfw_event *tail_ = nullptr;    // recently freed one stays recognisable
     std::atomic<int> pooling_{-1};  // -1: not read yet
@@ -149,6 +191,8 @@ inline bool event_is_live(const evfw_event *ev) {
 
 // A new event with the same id, data and route as `ev`; nullptr on failure.
 evfw_event *event_clone(const evfw_event *ev);
+// event_set_data beyond the common case (the whole data, where it fits).
+evfw_event *set_data_slow(evfw_event *event, size_t offset, const void *data, size_t len);
 // evfw_event_alloc without a fault plan: the runtime's own events (peers).
 evfw_event *alloc_event(const evfw_event *source);
 
@@ -380,6 +424,8 @@ class Core {
 
     // ---- sending and delivery ----
     int send(evfw_context *from, evfw_event *ev, uint32_t to);
+    // The send once `from` is known live, under the hot lock.
+    int send_locked(evfw_context *from, evfw_event *ev, uint32_t to);
     int send_from_task(evfw_task_t *from, evfw_event *ev, uint32_t to, const char *what);
     int bcast(evfw_task_t *from, evfw_event *ev);
     int send_recv(evfw_task_t *from, evfw_event *ev, uint32_t to, evfw_rx_cond_t cond,
@@ -446,10 +492,13 @@ class Core {
     void join_threads();
     void teardown();
 
+    // Records a send; only while the trace is on (the callers check).
     void trace_send_locked(uint32_t from, uint32_t to, const evfw_event *ev, bool dropped);
     void post_locked(uint32_t from, evfw_event *ev, uint32_t to);
     Delivery prepare_locked(const Item &item);
     void run(Delivery &d);
+    // Deterministic mode: delivers `item` on this thread, now.
+    void deliver_now(const Item &item);
     bool pop_deliverable_locked(Item &out);
     bool waiting_locked(uint32_t task_id) const;
     int send_recv_deterministic(evfw_task_t *from, evfw_event *ev, uint32_t to, evfw_rx_cond_t cond,
@@ -460,8 +509,46 @@ class Core {
                            const char *why);
     Entity *owner_for_locked(uint32_t entity_id);
 
+    // The lock of the sending and delivery paths: `mu`, taken in threaded
+    // mode only.  The deterministic mode runs every send and delivery on the
+    // one thread that pumps, so these paths take no lock there.
+    class HotLock {
+      public:
+        explicit HotLock(Core &core) : mu_(core.threaded() ? &core.mu : nullptr) {
+            if (mu_ != nullptr) mu_->lock();
+        }
+        ~HotLock() {
+            if (mu_ != nullptr) mu_->unlock();
+        }
+        HotLock(const HotLock &) = delete;
+        HotLock &operator=(const HotLock &) = delete;
+
+      private:
+        std::mutex *mu_;
+    };
+    // The context of a task id or an external id, or nullptr; task ids below
+    // kDirectIds are looked up in a table.
+    evfw_context *find_ctx_locked(uint32_t id) const {
+        if (id < kDirectIds) return direct_[id];
+        auto it = contexts.find(id);
+        return it != contexts.end() ? it->second.get() : nullptr;
+    }
+    static constexpr uint32_t kDirectIds = 1024;
+    // Whether `c` is a context of this runtime.  The two contexts the last
+    // sends came from are remembered, so that a stream of sends does not
+    // look each one up; forgotten whenever a context goes.
+    bool known_live_locked(const evfw_context *c) {
+        if (c != nullptr && (c == live_hint_[0] || c == live_hint_[1])) return true;
+        if (live_ctx.count(c) == 0) return false;
+        live_hint_[1] = live_hint_[0];
+        live_hint_[0] = c;
+        return true;
+    }
+    const evfw_context *live_hint_[2] = {};
+
     // Guarded by mu.
     std::mutex mu;
+    std::array<evfw_context *, kDirectIds> direct_{};  // the contexts of ids < kDirectIds
     std::condition_variable changed_cv;  // queues drained, matches, threads ended, loads done
     std::map<uint32_t, std::unique_ptr<evfw_context>> contexts;
     std::unordered_set<const evfw_context *> live_ctx;
@@ -504,7 +591,10 @@ class Core {
     std::map<std::string, std::string, std::less<>> props_;
 };
 
-Core &core();
+inline Core &core() {
+    static Core instance;
+    return instance;
+}
 
 // The entity whose init runs on this thread, if any.
 extern thread_local Entity *tl_loading;

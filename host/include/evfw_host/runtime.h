@@ -261,8 +261,10 @@ class Runtime {
     void set_diag_echo(FILE *out);
 
     // ---- fault plans ----
-    // Makes an imported call fail: its Nth call since the last reset, every
-    // call from the Nth on, or each call with a probability (from a seed).
+    // Makes an imported call fail: its Nth call, every call from the Nth on,
+    // or each call with a probability (from a seed).  Calls are counted from
+    // the first plan armed since the last reset or clear_faults(), and only
+    // while a plan is armed: unarmed, the calls cost nothing more.
     // Each failure is a diagnostic ("fault plan: <call> call <n> fails"), so
     // that the trace shows it in its place.  Specs, by the call's name:
     //   "evfw_event_alloc:3"      the third call
@@ -272,7 +274,7 @@ class Runtime {
     // false, with the reason in `error`, for a spec that does not parse.
     bool add_fault(std::string_view spec, std::string &error);
     void clear_faults();
-    uint64_t calls(FaultCall call) const;   // calls made since the last reset
+    uint64_t calls(FaultCall call) const;   // calls counted (see above)
     uint64_t faults(FaultCall call) const;  // of them, the ones made to fail
     static const char *fault_call_name(FaultCall call);
 
