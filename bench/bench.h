@@ -25,6 +25,16 @@ std::vector<std::string> &runtime_benchmarks();
 void register_library_cases();
 void register_runtime_cases();
 
+// Instruction counts (dm_bench --instructions N, run under valgrind's
+// callgrind with --collect-atstart=no): each library case, log off and on,
+// and its floor, N events each, in a collection window of its own dumped
+// under the benchmark's name.
+void count_library_cases(int iterations);
+// Reads those dumps (callgrind.out.* in `dir`) and prints, per event, the
+// instructions inside the library, inside the host runtime and of the
+// floor.  False when no dump is found.
+bool report_instructions(const std::string &dir, int iterations);
+
 }  // namespace bench
 
 #endif  // BENCH_BENCH_H

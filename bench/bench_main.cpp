@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <cstdio>
+#include <cstdlib>
 #include <fstream>
 #include <map>
 #include <string>
@@ -140,6 +141,15 @@ class SummaryReporter : public benchmark::ConsoleReporter {
 }  // namespace bench
 
 int main(int argc, char **argv) {
+    // dm_bench --instructions N: the collection windows for callgrind;
+    // dm_bench --instructions-report N DIR: the table from their dumps.
+    if (argc == 3 && std::string(argv[1]) == "--instructions") {
+        bench::count_library_cases(std::atoi(argv[2]));
+        return 0;
+    }
+    if (argc == 4 && std::string(argv[1]) == "--instructions-report") {
+        return bench::report_instructions(argv[3], std::atoi(argv[2])) ? 0 : 1;
+    }
     benchmark::Initialize(&argc, argv);
     if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
     bench::register_library_cases();

@@ -11,6 +11,7 @@
 // the path did what it must (else the case is skipped with the reason) and
 // counts its log lines.
 #include <benchmark/benchmark.h>
+#include <valgrind/callgrind.h>
 
 #include <cstdio>
 #include <cstring>
@@ -492,7 +493,63 @@ void run_floor(benchmark::State &state, const EventPath &path) {
             1, benchmark::Counter::kIsIterationInvariantRate | benchmark::Counter::kInvert);
 }
 
+// One callgrind collection window: `one` run `iterations` times, the counts
+// dumped under `name` (outside valgrind these requests do nothing).
+template <class Fn>
+void count_window(const std::string &name, int iterations, Fn one) {
+    CALLGRIND_ZERO_STATS;
+    CALLGRIND_TOGGLE_COLLECT;
+    for (int i = 0; i < iterations; ++i) one();
+    CALLGRIND_TOGGLE_COLLECT;
+    CALLGRIND_DUMP_STATS_AT(name.c_str());
+}
+
+void count_case(const EventPath &path, bool log_on, int iterations) {
+    Harness h;
+    std::unique_ptr<Flow> flow = path.make();
+    flow->setup(h);
+    dm_debug_lv = log_on ? 15 : 0;
+    h.clear();
+    flow->send(h);
+    h.pump();
+    const size_t lines = h.logs().size();
+    h.rt().set_trace(false);
+    h.rt().set_log_capture(false);
+    for (int i = 0; i < kWarmup; ++i) {
+        flow->send(h);
+        h.pump();
+    }
+    // The window's name carries the event's log lines, for the report.
+    count_window(std::string(path.name) + (log_on ? "/log_on" : "/log_off") +
+                         " lines=" + std::to_string(lines),
+                 iterations, [&] {
+                     flow->send(h);
+                     h.pump();
+                 });
+    flow->teardown(h);
+}
+
 }  // namespace
+
+void count_library_cases(int iterations) {
+    for (const EventPath &path : event_paths()) {
+        std::vector<std::vector<uint8_t>> bufs;
+        for (size_t size : path.floor.buffers) bufs.emplace_back(size, 0x5a);
+        count_window(std::string("floor/") + path.name, iterations, [&] {
+            for (const Floor::Op &op : path.floor.ops) {
+                uint8_t *to = bufs[op.to].data() + op.to_offset;
+                if (op.kind == Floor::Op::kCopy) {
+                    std::memcpy(to, bufs[op.from].data() + op.from_offset, op.bytes);
+                } else {
+                    std::memset(to, 0, op.bytes);
+                }
+                benchmark::DoNotOptimize(to);
+            }
+        });
+        count_case(path, false, iterations);
+        count_case(path, true, iterations);
+    }
+}
 
 void register_library_cases() {
     static const std::vector<EventPath> paths = event_paths();
