@@ -230,6 +230,20 @@ void Core::trace_send_locked(uint32_t from, uint32_t to, const evfw_event *ev, b
 // it when nothing will deliver it.  The event's route is already set.
 void Core::post_locked(uint32_t from, evfw_event *ev, uint32_t to) {
     evfw_context *c = find_ctx_locked(to);
+    if (c != nullptr && !threaded() && !trace_on.load(std::memory_order_relaxed)) {
+        if (c->kind == evfw_context::Kind::Peer && c->peer_hdl == nullptr) {
+            // Untraced, and no handler to run: nothing would ever see it (as
+            // in threaded mode).
+            evfw_event_free(ev);
+            return;
+        }
+        fifo.push_back(Item{from, to, ev});  // the deterministic queue, untraced
+        return;
+    }
+    post_traced_locked(c, from, ev, to);
+}
+
+void Core::post_traced_locked(evfw_context *c, uint32_t from, evfw_event *ev, uint32_t to) {
     if (c == nullptr) {
         if (trace_on.load(std::memory_order_relaxed)) trace_send_locked(from, to, ev, true);
         evfw_event_free(ev);
@@ -255,22 +269,31 @@ void Core::post_locked(uint32_t from, evfw_event *ev, uint32_t to) {
     c->cv.notify_one();
 }
 
+namespace {
+
+// The refusals of a send, apart from its common path.
+__attribute__((noinline, cold)) int refuse_send(const char *why, const evfw_event *ev,
+                                                uint32_t to) {
+    if (event_is_live(ev)) {
+        diag("send of event %u to %u %s; refused", ev->id, to, why);
+    } else {
+        diag("send of event %p to %u: the event is not live; refused",
+             static_cast<const void *>(ev), to);
+    }
+    return -1;
+}
+
+}  // namespace
+
 int Core::send(evfw_context *from, evfw_event *ev, uint32_t to) {
     if (from == nullptr || ev == nullptr) return -1;
     HotLock lk(*this);
-    if (!known_live_locked(from)) {
-        diag("send of event %u to %u from a context that does not exist; refused",
-             event_is_live(ev) ? ev->id : 0, to);
-        return -1;
-    }
+    if (!known_live_locked(from)) return refuse_send("from a context that does not exist", ev, to);
     return send_locked(from, ev, to);
 }
 
 int Core::send_locked(evfw_context *from, evfw_event *ev, uint32_t to) {
-    if (!event_is_live(ev)) {
-        diag("send of event %p to %u: the event is not live; refused", static_cast<void *>(ev), to);
-        return -1;
-    }
+    if (!event_is_live(ev)) return refuse_send("", ev, to);
     if (ev->chnl == 0) {
         ev->chnl = from->chnl;
         ev->ext_id = from->ext_id;
@@ -420,7 +443,17 @@ size_t Core::pump() {
     }
     // One thread, no lock: each item goes straight to its receiver.
     size_t n = 0;
-    for (Item item; pop_deliverable_locked(item); ++n) deliver_now(item);
+    for (;;) {
+        Item item;
+        if (waiting.empty() && !fifo.empty()) {
+            item = fifo.front();
+            fifo.pop_front();
+        } else if (!pop_deliverable_locked(item)) {
+            break;
+        }
+        deliver_now(item);
+        ++n;
+    }
     return n;
 }
 
@@ -434,17 +467,21 @@ void Core::deliver_now(const Item &item) {
     } else if (c->hdl != nullptr) {
         c->hdl(c->task, ev, c->hdl_arg);
     } else if (c->peer_hdl != nullptr) {
-        Delivery d;  // holds the handler while it runs: it may replace itself
-        d.kind = Delivery::Kind::Peer;
-        d.item = item;
-        d.peer_hdl = c->peer_hdl;
-        d.peer = c->peer;
-        run(d);
+        deliver_to_peer(c, item);
         return;
     } else {
         evfw_event_free(ev);
     }
     deliveries_.store(deliveries_.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+}
+
+void Core::deliver_to_peer(evfw_context *c, const Item &item) {
+    Delivery d;  // holds the handler while it runs: it may replace itself
+    d.kind = Delivery::Kind::Peer;
+    d.item = item;
+    d.peer_hdl = c->peer_hdl;
+    d.peer = c->peer;
+    run(d);
 }
 
 bool Core::wait_idle(std::chrono::milliseconds timeout) {

@@ -280,7 +280,6 @@ evfw_event *EventStore::alloc() {
     ev->len = 0;
     ev->next = nullptr;
     ev->state.store(kEventLive, std::memory_order_release);
-    count(live_count_, 1L);
     count(allocated_, uint64_t{1});
     return ev;
 }
@@ -304,6 +303,21 @@ evfw_event *EventStore::take_slow() {
 }
 
 void EventStore::release(evfw_event *ev) {
+    // One thread, a pooled event of this run with its data inline: straight
+    // back to the free list.
+    if (single() && ev->pooled && !has_block(ev) && pooling() &&
+        ev->state.load(std::memory_order_relaxed) == kEventLive &&
+        ev->gen == gen_.load(std::memory_order_relaxed)) {
+        ev->state.store(kEventFree, std::memory_order_relaxed);
+        count(freed_, uint64_t{1});
+        ev->len = 0;
+        push_free_locked(ev);
+        return;
+    }
+    release_slow(ev);
+}
+
+void EventStore::release_slow(evfw_event *ev) {
     bool was_live;
     if (single()) {
         was_live = ev->state.load(std::memory_order_relaxed) == kEventLive;
@@ -320,7 +334,6 @@ void EventStore::release(evfw_event *ev) {
         return;
     }
     if (ev->gen == gen_.load(std::memory_order_relaxed)) {
-        count(live_count_, -1L);
         count(freed_, uint64_t{1});
     }
     if (!ev->pooled) {
@@ -364,7 +377,6 @@ void EventStore::new_generation(bool reclaim) {
             release(ev);
         }
     }
-    live_count_ = 0;
     allocated_ = 0;
     freed_ = 0;
     bad_frees_ = 0;

@@ -112,7 +112,8 @@ class EventStore {
     // takes no lock and counts with plain loads and stores.
     void set_single_threaded(bool single) { single_.store(single); }
 
-    long live() const { return live_count_.load(); }
+    // Allocated in this generation and not yet freed.
+    long live() const { return static_cast<long>(allocated_.load() - freed_.load()); }
     uint64_t allocated() const { return allocated_.load(); }
     uint64_t freed() const { return freed_.load(); }
     long bad_frees() const { return bad_frees_.load(); }
@@ -133,6 +134,8 @@ class EventStore {
     bool read_pooling();
     // alloc() beyond one thread taking a pooled event at hand.
     __attribute__((noinline)) evfw_event *take_slow();
+    // release() beyond one thread giving back a pooled event without a block.
+    __attribute__((noinline)) void release_slow(evfw_event *ev);
     void drain_pool();
     // A new chunk of pooled events onto the free list; false without memory.
     bool grow_locked();
@@ -140,7 +143,7 @@ class EventStore {
 
     // Pooled events come in chunks, kept to the end of the process: the
     // free list runs through them, and a reclaim walks them.
-    static constexpr size_t kChunkEvents = 128;
+    static constexpr size_t kChunkEvents = 16;
     struct Chunk {
         evfw_event events[kChunkEvents];
         Chunk *next = nullptr;
@@ -177,7 +180,6 @@ class EventStore {
     evfw_event *tail_ = nullptr;    // recently freed one stays recognisable
     std::atomic<int> pooling_{-1};  // -1: not read yet
     std::atomic<uint32_t> gen_{1};
-    std::atomic<long> live_count_{0};
     std::atomic<uint64_t> allocated_{0};
     std::atomic<uint64_t> freed_{0};
     std::atomic<long> bad_frees_{0};
@@ -279,7 +281,7 @@ class ItemQueue {
   private:
     static constexpr size_t kFirstCapacity = 64;  // a power of two, as every later size
 
-    void grow() {
+    __attribute__((noinline)) void grow() {
         std::vector<Item> bigger(ring_.empty() ? kFirstCapacity : ring_.size() * 2);
         for (size_t i = 0; i < size_; ++i) bigger[i] = (*this)[i];
         ring_.swap(bigger);
@@ -499,6 +501,10 @@ class Core {
     void run(Delivery &d);
     // Deterministic mode: delivers `item` on this thread, now.
     void deliver_now(const Item &item);
+    __attribute__((noinline)) void deliver_to_peer(evfw_context *c, const Item &item);
+    // post_locked beyond the untraced deterministic queue.
+    __attribute__((noinline)) void post_traced_locked(evfw_context *c, uint32_t from,
+                                                      evfw_event *ev, uint32_t to);
     bool pop_deliverable_locked(Item &out);
     bool waiting_locked(uint32_t task_id) const;
     int send_recv_deterministic(evfw_task_t *from, evfw_event *ev, uint32_t to, evfw_rx_cond_t cond,

@@ -238,8 +238,9 @@ class Runtime {
     void clear_trace();
     // Off: sends are not recorded at all (no entry, no bytes), so that a long
     // run (a benchmark, a soak) keeps no state per event.  trace(), sent_to()
-    // and Peer::received() then miss what is sent meanwhile.  reset() turns
-    // it back on.
+    // and Peer::received() then miss what is sent meanwhile, and an event for
+    // a peer without a handler is freed as it is sent, as in threaded mode.
+    // reset() turns it back on.
     void set_trace(bool on);
     void set_trace_data(bool keep_bytes);
     void print_trace(FILE *out) const;
