@@ -52,9 +52,10 @@ void unbind_tags();
         }                                                                         \
     } while (0)
 
+// A gated line is the rare path: laid out apart from the code around it.
 #define DM_LOG_(lv, fn, word, fmt, ...)                                        \
     do {                                                                       \
-        if (dm_debug_lv & (lv)) {                                              \
+        if (__builtin_expect((dm_debug_lv & (lv)) != 0, 0)) {                  \
             DM_LOG_AT_(lv, fn, "[" word "] ", fmt __VA_OPT__(, ) __VA_ARGS__); \
         }                                                                      \
     } while (0)

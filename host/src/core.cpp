@@ -445,7 +445,8 @@ size_t Core::pump() {
     size_t n = 0;
     for (;;) {
         Item item;
-        if (waiting.empty() && !fifo.empty()) {
+        if (waiting.empty()) {
+            if (fifo.empty()) break;
             item = fifo.front();
             fifo.pop_front();
         } else if (!pop_deliverable_locked(item)) {
