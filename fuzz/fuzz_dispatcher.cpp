@@ -33,22 +33,10 @@ const std::vector<uint32_t> &table_ids() {
 }
 
 uint32_t length_of(dm::fuzz::Reader &in, uint32_t expected) {
-    switch (in.u8() % dm::fuzz::kLenModes) {
-        case dm::fuzz::kMinus1:
-            return expected != 0 ? expected - 1 : 0;
-        case dm::fuzz::kPlus1:
-            return expected + 1;
-        case dm::fuzz::kZero:
-            return 0;
-        case dm::fuzz::kEight:
-            return 8;
-        case dm::fuzz::kOne:
-            return 1;
-        case dm::fuzz::kRawLen:
-            return in.u16();
-        default:
-            return expected;
-    }
+    // By LenMode: kExpected, kMinus1, kPlus1, kZero, kEight, kOne; kRawLen reads one.
+    const uint32_t lengths[] = {expected, expected != 0 ? expected - 1 : 0, expected + 1, 0, 8, 1};
+    const uint8_t mode = in.u8() % dm::fuzz::kLenModes;
+    return mode == dm::fuzz::kRawLen ? in.u16() : lengths[mode];
 }
 
 }  // namespace

@@ -36,7 +36,7 @@ extern "C" int LLVMFuzzerInitialize(int *, char ***) {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     dm::fuzz::Reader in({data, size});
-    uint8_t mode = in.u8();
+    const uint8_t mode = in.u8();
     auto received = in.rest();
 
     // Exactly the received bytes, aligned as a receive buffer is.
@@ -45,20 +45,15 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
 
     if (mode & dm::fuzz::kNlParse) parse_netlink_msg(buf.get(), received.size());
 
-    if ((mode & dm::fuzz::kNlNoRa) && received.size() >= sizeof(struct nlmsghdr)) {
-        // The caller hands over one whole message: nlmsg_len bytes are there.
-        struct nlmsghdr hdr;
-        std::memcpy(&hdr, buf.get(), sizeof(hdr));
-        if (hdr.nlmsg_len <= received.size()) {
-            nl_no_ra_handle(reinterpret_cast<const struct nlmsghdr *>(buf.get()));
-        }
-    }
+    // nl_no_ra_handle's caller hands over one whole message: nlmsg_len bytes are there.
+    const auto *hdr = reinterpret_cast<const struct nlmsghdr *>(buf.get());
+    if ((mode & dm::fuzz::kNlNoRa) && received.size() >= sizeof(*hdr) &&
+        hdr->nlmsg_len <= received.size())
+        nl_no_ra_handle(hdr);
 
-    if ((mode & dm::fuzz::kNlReceive) && received.size() <= kNetlinkRecvBufLen) {
-        if (send(g_socks[1], received.data(), received.size(), 0) ==
-            static_cast<ssize_t>(received.size())) {
-            recv_netlink_msg(g_socks[0]);
-        }
-    }
+    if ((mode & dm::fuzz::kNlReceive) && received.size() <= kNetlinkRecvBufLen &&
+        send(g_socks[1], received.data(), received.size(), 0) ==
+                static_cast<ssize_t>(received.size()))
+        recv_netlink_msg(g_socks[0]);
     return 0;
 }

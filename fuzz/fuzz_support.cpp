@@ -1,10 +1,8 @@
 #include "fuzz/fuzz.h"
 
 #include <algorithm>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <vector>
 
 #include "dati/dati.h"
 #include "entity/datamngr.h"
@@ -38,29 +36,16 @@ constexpr uint32_t kLongestAnswer =
         std::max_element(std::begin(kAnswers), std::end(kAnswers),
                          [](const RilAnswer &a, const RilAnswer &b) { return a.len < b.len; })
                 ->len;
+bool g_ril_answers = false;  // this input's kRilAnswers
 
 }  // namespace
 
 testkit::Peer &sender(testkit::Harness &h, uint8_t index) {
-    switch (index % kSenders) {
-        case 0:
-            return h.ril();
-        case 1:
-            return h.client("imsm_0");
-        case 2:
-            return h.client("imsm_1");
-        case 3:
-            return h.client("lanmngr");
-        case 4:
-            return h.task(TASK_RB_SIM0);
-        default:
-            return h.task(TASK_ATMNGR);
-    }
+    static const char *const kClients[] = {"imsm_0", "imsm_1", "lanmngr"};
+    const int i = index % kSenders;
+    if (i == 0) return h.ril();
+    return i <= 3 ? h.client(kClients[i - 1]) : h.task(i == 4 ? TASK_RB_SIM0 : TASK_ATMNGR);
 }
-
-namespace {
-bool g_ril_answers = false;  // this input's kRilAnswers
-}  // namespace
 
 testkit::Harness &fresh() {
     static testkit::Harness *h = [] {
@@ -76,9 +61,8 @@ testkit::Harness &fresh() {
         made->ril().on_receive([](testkit::Peer &self, const testkit::Received &in) {
             static const std::vector<uint8_t> zeros(kLongestAnswer, 0);
             for (const RilAnswer &a : kAnswers) {
-                if (g_ril_answers && a.request == in.event_id) {
+                if (g_ril_answers && a.request == in.event_id)
                     self.reply(in.event, TASK_DATAMNGR, a.answer, zeros.data(), a.len);
-                }
             }
         });
         return made;
@@ -95,9 +79,8 @@ void setup(testkit::Harness &h, uint8_t flags) {
         h.rt().set_property("net.ipv6.pdnet5.prefix", "2001:db8:5::");
     }
     g_ril_answers = (flags & kRilAnswers) != 0;
-    if (flags & kAnnounceClients) {
+    if (flags & kAnnounceClients)
         for (const char *name : {"imsm_0", "imsm_1", "lanmngr"}) h.announce(h.client(name));
-    }
     if (flags & kAnnounceRil) h.announce_ril();
 }
 

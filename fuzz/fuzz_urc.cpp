@@ -27,9 +27,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         entry.interface_id = in.u8();
         update_pdn_info(&entry, nullptr);
     }
-    AtUrc urc = {};
-    urc.kind = in.u32();
-    urc.sim = in.u32();
+    AtUrc urc = {0, in.u32(), in.u32(), {}};  // kind, then sim
     auto text = in.bytes(sizeof(urc.text));
     if (!text.empty()) memcpy(urc.text, text.data(), text.size());
     h.send(h.task(TASK_ATMNGR), EVENT_ATMNGR_URC, urc);

@@ -14,8 +14,6 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <string>
-#include <vector>
 
 #include "dati/dati.h"
 #include "fuzz/fuzz.h"
@@ -23,6 +21,8 @@
 
 namespace {
 
+using namespace dm::fuzz;
+using dmsim::Op;
 using Bytes = std::vector<uint8_t>;
 
 struct Writer {
@@ -48,23 +48,25 @@ uint8_t sender_of(const dmsim::PeerRef &p) {
 // A dispatcher step: the payload's non-zero runs as patches over zeros.
 Bytes event_step(uint8_t from, uint32_t id, const Bytes &payload) {
     Writer w;
-    w.u8(from).u8(dm::fuzz::kRawId).u16(static_cast<uint16_t>(id));
-    w.u8(dm::fuzz::kRawLen).u16(static_cast<uint16_t>(payload.size())).u8(0);
+    w.u8(from).u8(kRawId).u16(static_cast<uint16_t>(id));
+    w.u8(kRawLen).u16(static_cast<uint16_t>(payload.size())).u8(0);
     std::vector<std::pair<size_t, size_t>> runs;
-    for (size_t i = 0; i < payload.size() && runs.size() < dm::fuzz::kMaxPatches - 1;) {
-        if (payload[i] == 0) {
-            ++i;
-            continue;
-        }
+    for (size_t i = 0; i < payload.size() && runs.size() < kMaxPatches - 1; ++i) {
+        if (payload[i] == 0) continue;
         size_t end = i;
         while (end < payload.size() && end - i < 255 && payload[end] != 0) ++end;
         runs.emplace_back(i, end - i);
-        i = end;
+        i = end - 1;
     }
     w.u8(static_cast<uint8_t>(runs.size()));
     for (auto [at, len] : runs)
         w.u16(static_cast<uint16_t>(at)).u8(static_cast<uint8_t>(len)).bytes(&payload[at], len);
     return w.out;
+}
+
+// An AT target step.
+Bytes at_step(uint16_t id, const void *data, uint16_t len) {
+    return Writer().u16(id).u16(len).bytes(data, len).out;
 }
 
 void save(const std::filesystem::path &dir, const std::string &name, const Bytes &data) {
@@ -83,63 +85,55 @@ void save_cut(const std::filesystem::path &dir, const std::string &name, uint8_t
         Writer seed{{flags}};
         do {
             seed.bytes(steps[i].data(), steps[i].size());
-        } while (++i < steps.size() && seed.out.size() + steps[i].size() <= dm::fuzz::kMaxLen);
+        } while (++i < steps.size() && seed.out.size() + steps[i].size() <= kMaxLen);
         save(dir, name + "-" + std::to_string(++n), seed.out);
     }
 }
 
 void seeds_of(const dmsim::Scenario &sc, const std::filesystem::path &out,
               const std::string &name) {
-    uint8_t flags = dm::fuzz::kAnnounceRil | dm::fuzz::kAnnounceClients;
+    uint8_t flags = kAnnounceRil | kAnnounceClients;
     std::vector<Bytes> events, at;
     std::vector<std::pair<uint8_t, uint8_t>> rows;  // cid, interface of bearer reports
     bool at_seen = false;
     int urcs = 0;
     auto urc_seed = [&](const std::string &text) {
         Writer urc;
-        urc.u8((flags & dm::fuzz::kEpdg ? 1 : 0) | (at_seen ? 2 : 0));
-        urc.u8(static_cast<uint8_t>(std::min<size_t>(rows.size(), 7)));
+        urc.u8((flags & kEpdg ? 1 : 0) | (at_seen ? 2 : 0)).u8(std::min<size_t>(rows.size(), 7));
         for (size_t i = 0; i < rows.size() && i < 7; ++i) urc.u8(rows[i].first).u8(rows[i].second);
         urc.u32(0).u32(0).bytes(text.data(), text.size());
         save(out / "urc", name + "-" + std::to_string(++urcs), urc.out);
     };
     for (const dmsim::Step &s : sc.steps) {
-        if (s.op == dmsim::Op::RilAuto) flags |= dm::fuzz::kRilAnswers;
-        if (s.op == dmsim::Op::Property && s.value == "1") {
-            if (s.text == "persist.qpx_epdg_support") flags |= dm::fuzz::kEpdg;
-            if (s.text == "ro.qpx_multiple_ims_support") flags |= dm::fuzz::kMultiIms;
+        if (s.op == Op::RilAuto) flags |= kRilAnswers;
+        if (s.op == Op::Property) {
+            const bool on = s.value == "1";
+            if (on && s.text == "persist.qpx_epdg_support") flags |= kEpdg;
+            if (on && s.text == "ro.qpx_multiple_ims_support") flags |= kMultiIms;
+            if (s.text.starts_with("net.ipv6.")) flags |= kPrefixes;
         }
-        if (s.op == dmsim::Op::Property && s.text.starts_with("net.ipv6."))
-            flags |= dm::fuzz::kPrefixes;
-        if (s.op == dmsim::Op::Announce) {
+        if (s.op == Op::Announce) {
             Bytes name_field(132, 0);
             memcpy(name_field.data(), s.text.data(), s.text.size());
             events.push_back(
                     event_step(sender_of(s.peer), EVENT_DATAMNGR_NOTIFICATION, name_field));
-        } else if (s.op == dmsim::Op::Send && s.target == TASK_DATAMNGR) {
+        } else if (s.op == Op::Send && s.target == TASK_DATAMNGR) {
             const Bytes payload = s.payload.build();
             events.push_back(event_step(sender_of(s.peer), s.event_id, payload));
-            if (s.event_id == EVENT_DATAMNGR_DEDICATE_BEARER_ACTIVATED_URC && payload.size() > 16) {
+            if (s.event_id == EVENT_DATAMNGR_DEDICATE_BEARER_ACTIVATED_URC && payload.size() > 16)
                 rows.emplace_back(payload[16], payload[8]);
-            }
-            if (s.event_id == EVENT_ATMNGR_URC && payload.size() == sizeof(AtUrc)) {
-                const auto *urc = reinterpret_cast<const AtUrc *>(payload.data());
-                urc_seed(urc->text);
-            }
-        } else if (s.op == dmsim::Op::Send && s.target == TASK_DATAMNGR_DATI_HDL) {
+            if (s.event_id == EVENT_ATMNGR_URC && payload.size() == sizeof(AtUrc))
+                urc_seed(reinterpret_cast<const AtUrc *>(payload.data())->text);
+        } else if (s.op == Op::Send && s.target == TASK_DATAMNGR_DATI_HDL) {
             const Bytes payload = s.payload.build();
-            Writer step;
-            step.u16(static_cast<uint16_t>(s.event_id)).u16(static_cast<uint16_t>(payload.size()));
-            at.push_back(step.bytes(payload.data(), payload.size()).out);
-        } else if (s.op == dmsim::Op::At || s.op == dmsim::Op::AtRegister) {
-            const std::string text = s.op == dmsim::Op::At ? s.text + "\r" : s.text;
-            Writer step;
-            step.u16(s.op == dmsim::Op::At ? EVENT_DATAMNGR_ATCMD_REQ
-                                           : EVENT_DATAMNGR_ATCMD_REGISTER);
-            step.u16(static_cast<uint16_t>(text.size() + 1)).bytes(text.c_str(), text.size() + 1);
-            at.push_back(step.out);
+            at.push_back(at_step(s.event_id, payload.data(), payload.size()));
+        } else if (s.op == Op::At || s.op == Op::AtRegister) {
+            const bool line = s.op == Op::At;
+            const std::string text = line ? s.text + "\r" : s.text;
+            at.push_back(at_step(line ? EVENT_DATAMNGR_ATCMD_REQ : EVENT_DATAMNGR_ATCMD_REGISTER,
+                                 text.c_str(), text.size() + 1));
             at_seen = true;
-        } else if (s.op == dmsim::Op::Urc) {
+        } else if (s.op == Op::Urc) {
             urc_seed(s.text);
         }
     }
@@ -176,10 +170,10 @@ int main(int argc, char **argv) {
     const uint8_t link_local[16] = {0xfe, 0x80, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1};
     const uint8_t global[16] = {0x20, 0x01, 0x0d, 0xb8, 0, 1, 0, 2, 0, 0, 0, 0, 0, 0, 0, 5};
     Writer dump, no_ra;
-    dump.u8(dm::fuzz::kNlParse | dm::fuzz::kNlReceive);
+    dump.u8(kNlParse | kNlReceive);
     put_address(dump, link_local);
     put_address(dump, global);
-    no_ra.u8(dm::fuzz::kNlNoRa | dm::fuzz::kNlParse);
+    no_ra.u8(kNlNoRa | kNlParse);
     put_address(no_ra, link_local, 110);
     save(out / "netlink", "dump", dump.out);
     save(out / "netlink", "no_ra", no_ra.out);

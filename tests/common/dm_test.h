@@ -6,17 +6,14 @@
 
 #include <gtest/gtest.h>
 
-#include <cstring>
-#include <string>
-#include <string_view>
-#include <vector>
-
 #include "common/seams.h"
 #include "testkit/testkit.h"
 
 namespace dm_test {
 
 using Bytes = std::vector<uint8_t>;
+using dm::testkit::log_body;
+using dm::testkit::record_of;
 
 class DmTest : public ::testing::Test {
   protected:

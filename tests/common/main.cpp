@@ -6,9 +6,7 @@
 // sweep (sweep.cpp).  Without either, the GoogleTest tables run.
 #include <gtest/gtest.h>
 
-#include <cstdio>
 #include <cstring>
-#include <string>
 
 #include "common/seams.h"
 #include "common/tables.h"
@@ -61,9 +59,8 @@ const dmsim::EntityLinks &linked_library() {
 
 std::string closing_problems() {
     std::string problems = dm::testkit::accounting_problems(evfw_host::Runtime::instance());
-    if (const long lists = ifaddrs_outstanding(); lists != 0) {
+    if (const long lists = ifaddrs_outstanding(); lists != 0)
         problems += std::to_string(lists) + " getifaddrs lists not freed; ";
-    }
     return problems;
 }
 

@@ -8,21 +8,32 @@
 #ifndef TESTS_COMMON_SEAMS_H
 #define TESTS_COMMON_SEAMS_H
 
+#include <atomic>
 #include <cstdint>
 #include <string>
 
 namespace dm_test {
 
-namespace fake_clock {
-// Time 0, no sleeps counted, nothing scheduled.
-void reset();
-long sleeps();
-// Sets the runtime property `key` when the fake clock reaches `at_us`.
-void set_property_at(uint64_t at_us, const std::string &key, const std::string &value);
-}  // namespace fake_clock
+struct fake_clock {
+    // Time 0, no sleeps counted, nothing scheduled.
+    static void reset() { now_us = 0, sleeps_ = 0, scheduled = false; }
+    static long sleeps() { return sleeps_; }
+    // Sets the runtime property `key` when the fake clock reaches `at_us`.
+    static void set_property_at(uint64_t at_us, const std::string &key, const std::string &value) {
+        scheduled = true, at = at_us, key_ = key, value_ = value;
+    }
+
+    static inline long sleeps_ = 0;
+    static inline uint64_t now_us = 0, at = 0;
+    static inline bool scheduled = false;
+    static inline std::string key_, value_;
+};
 
 // Lists getifaddrs handed out and freeifaddrs has not taken back.
-long ifaddrs_outstanding();
+inline std::atomic<long> g_ifaddrs{0};
+inline long ifaddrs_outstanding() {
+    return g_ifaddrs.load();
+}
 
 }  // namespace dm_test
 

@@ -12,10 +12,7 @@
 // the scenario whole.
 #include <unistd.h>
 
-#include <cstdio>
 #include <cstring>
-#include <string>
-#include <vector>
 
 #include <android/log.h>
 
@@ -30,32 +27,18 @@ namespace {
 using evfw_host::FaultCall;
 using evfw_host::Runtime;
 
-struct Covered {
-    FaultCall call;
-    bool logs_error;  // its failure must be logged at error level
-    bool at_init;     // only the entity's init makes it
-};
-
-constexpr Covered kCovered[] = {
-        {FaultCall::EventAlloc, true, false},
-        {FaultCall::TaskSendEvent, true, false},
-        {FaultCall::ContextCommonSend, true, false},
-        {FaultCall::TaskBcastExtEvent, true, false},
-        {FaultCall::TaskSendRecvEvent, true, false},
-        {FaultCall::MutexInit, true, true},
-        {FaultCall::ThrdInit, true, true},
-        {FaultCall::TaskInit, true, true},
-        // An absent property is a state the library has defaults for; where
-        // the absence is an error, the library's own line says so.
-        {FaultCall::PropertyGet, false, false},
-        {FaultCall::Getifaddrs, true, false},
-        {FaultCall::IfIndexToName, true, false},
-        {FaultCall::Socket, true, false},
-        {FaultCall::Bind, true, false},
-        {FaultCall::Send, true, false},
-        {FaultCall::Recv, true, false},
-        {FaultCall::System, true, false},
-};
+// Every call the runtime can fail.
+constexpr size_t kCalls = static_cast<size_t>(FaultCall::Count);
+// Its failure must be logged at error level: an absent property is a state
+// the library has defaults for; where the absence is an error, the library's
+// own line says so.
+bool logs_error(FaultCall c) {
+    return c != FaultCall::PropertyGet;
+}
+// Only the entity's init makes it.
+bool at_init(FaultCall c) {
+    return c == FaultCall::MutexInit || c == FaultCall::ThrdInit || c == FaultCall::TaskInit;
+}
 
 // The fresh request, relayed to the RIL proxy and its answer written, once
 // the RIL proxy is ready (which flushes what the run left queued).
@@ -66,8 +49,7 @@ expect-pdn 3 active=1 cid=3 interface_id=3
 )";
 
 struct Outcome {
-    bool reached = false;  // the planned call was made, and failed
-    bool held = false;     // the scenario's expectations all held
+    bool reached = false, held = false;  // the planned call failed; the expectations held
     std::string problems;
 };
 
@@ -90,49 +72,46 @@ std::string serve_fresh(dmsim::Sim &sim, const Fresh &fresh, FILE *sink) {
     sim.script([](dmsim::RilScript &r) { r = dmsim::RilScript{}; });
     dmsim::run_steps(sim, fresh.ready, false, sink);
     sim.consume_all();
-    if (dmsim::run_steps(sim, fresh.request, false, sink).failed != 0) {
+    if (dmsim::run_steps(sim, fresh.request, false, sink).failed != 0)
         return "the entity no longer serves a fresh setup; ";
-    }
     return closing_problems();
 }
 
-Outcome run_once(const dmsim::Scenario &sc, const Covered &c, uint64_t nth, const Fresh &fresh,
+Outcome run_once(const dmsim::Scenario &sc, FaultCall call, uint64_t nth, const Fresh &fresh,
                  FILE *sink) {
     Outcome o;
     dmsim::Options opt;
     opt.linked = &linked_library();
-    opt.faults = {Runtime::fault_call_name(c.call) + (":" + std::to_string(nth))};
+    opt.faults = {Runtime::fault_call_name(call) + (":" + std::to_string(nth))};
     opt.final_check = [&](dmsim::Sim &sim) {
         Runtime &rt = sim.rt();
-        o.reached = rt.faults(c.call) != 0;
-        if (o.reached && c.logs_error) o.problems += unlogged_failure(rt);
+        o.reached = rt.faults(call) != 0;
+        if (o.reached && logs_error(call)) o.problems += unlogged_failure(rt);
         o.problems += closing_problems();
         rt.clear_faults();
-        if (o.reached && !c.at_init) o.problems += serve_fresh(sim, fresh, sink);
+        if (o.reached && !at_init(call)) o.problems += serve_fresh(sim, fresh, sink);
         return std::string();
     };
     dm::testkit::reset_library_state();
     fake_clock::reset();
     o.held = dmsim::run_scenario(sc, opt, sink) == dmsim::kExitPass;
-    if (o.reached && c.at_init) {
+    if (o.reached && at_init(call)) {
         dmsim::Options again;
         again.linked = &linked_library();
         again.final_check = [](dmsim::Sim &) { return closing_problems(); };
         dm::testkit::reset_library_state();
-        if (dmsim::run_scenario(fresh.both, again, sink) != dmsim::kExitPass) {
+        if (dmsim::run_scenario(fresh.both, again, sink) != dmsim::kExitPass)
             o.problems += "a fresh load does not serve a setup; ";
-        }
     }
     if (!o.reached && !o.held) o.problems += "the scenario fails without a failed call; ";
     dm::testkit::reset_library_state();
     return o;
 }
 
+// Runs, calls failed, of those the runs whose expectations still all held,
+// and runs with problems.
 struct Tally {
-    long runs = 0;
-    long failed_calls = 0;
-    long held = 0;  // of those, the scenario's expectations still all held
-    long problems = 0;
+    long runs = 0, failed_calls = 0, held = 0, problems = 0;
 };
 
 }  // namespace
@@ -148,9 +127,8 @@ int run_sweep(int argc, char **argv) {
         std::fprintf(stderr, "fault sweep: %s\n", error.c_str());
         return dmsim::kExitEnv;
     }
-    Tally per_call[std::size(kCovered)];
-    int scenarios = 0;
-    int skipped = 0;
+    Tally per_call[kCalls];
+    int scenarios = 0, skipped = 0;
     for (int i = 2; i < argc; ++i) {
         dmsim::Scenario sc;
         if (!dmsim::parse_scenario_file(argv[i], sc, error)) {
@@ -172,19 +150,19 @@ int run_sweep(int argc, char **argv) {
             }
         }
         ++scenarios;
-        for (size_t k = 0; k < std::size(kCovered); ++k) {
-            const Covered &c = kCovered[k];
+        for (size_t k = 0; k < kCalls; ++k) {
+            const auto call = static_cast<FaultCall>(k);
             for (uint64_t nth = 1;; ++nth) {
-                const Outcome o = run_once(sc, c, nth, fresh, sink);
+                const Outcome o = run_once(sc, call, nth, fresh, sink);
                 Tally &t = per_call[k];
                 ++t.runs;
                 t.failed_calls += o.reached;
                 t.held += o.reached && o.held;
                 if (!o.problems.empty()) {
                     ++t.problems;
-                    run_once(sc, c, nth, fresh, stdout);  // shown, for the diagnosis
+                    run_once(sc, call, nth, fresh, stdout);  // shown, for the diagnosis
                     std::printf("PROBLEM %s with %s:%llu: %s\n", argv[i],
-                                Runtime::fault_call_name(c.call),
+                                Runtime::fault_call_name(call),
                                 static_cast<unsigned long long>(nth), o.problems.c_str());
                 }
                 if (!o.reached) break;
@@ -192,22 +170,17 @@ int run_sweep(int argc, char **argv) {
         }
     }
     Tally all;
+    std::string unreached;
     std::printf("%-26s %6s %7s %8s %7s %8s\n", "call", "runs", "failed", "refused", "served",
                 "problems");
-    for (size_t k = 0; k < std::size(kCovered); ++k) {
+    for (size_t k = 0; k < kCalls; ++k) {
         const Tally &t = per_call[k];
-        std::printf("%-26s %6ld %7ld %8ld %7ld %8ld\n", Runtime::fault_call_name(kCovered[k].call),
-                    t.runs, t.failed_calls, t.failed_calls - t.held, t.held, t.problems);
-        all.runs += t.runs;
-        all.failed_calls += t.failed_calls;
-        all.held += t.held;
-        all.problems += t.problems;
-    }
-    std::string unreached;
-    for (size_t k = 0; k < std::size(kCovered); ++k) {
-        if (per_call[k].failed_calls == 0) {
-            unreached += std::string(" ") + Runtime::fault_call_name(kCovered[k].call);
-        }
+        const char *name = Runtime::fault_call_name(static_cast<FaultCall>(k));
+        std::printf("%-26s %6ld %7ld %8ld %7ld %8ld\n", name, t.runs, t.failed_calls,
+                    t.failed_calls - t.held, t.held, t.problems);
+        all = {all.runs + t.runs, all.failed_calls + t.failed_calls, all.held + t.held,
+               all.problems + t.problems};
+        if (t.failed_calls == 0) unreached += std::string(" ") + name;
     }
     if (!unreached.empty()) {
         std::printf(
@@ -219,8 +192,8 @@ int run_sweep(int argc, char **argv) {
             "fault sweep: %d scenarios (%d skipped), %zu calls, %ld runs, %ld calls failed: "
             "%ld runs with a request refused, %ld with every expectation still met, "
             "%ld with problems\n",
-            scenarios, skipped, std::size(kCovered), all.runs, all.failed_calls,
-            all.failed_calls - all.held, all.held, all.problems);
+            scenarios, skipped, kCalls, all.runs, all.failed_calls, all.failed_calls - all.held,
+            all.held, all.problems);
     std::fclose(sink);
     return all.problems == 0 && scenarios > 0 ? 0 : 1;
 }

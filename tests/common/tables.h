@@ -3,8 +3,6 @@
 #ifndef TESTS_COMMON_TABLES_H
 #define TESTS_COMMON_TABLES_H
 
-#include <string>
-
 #include "tools/dmsim/sim.h"
 
 namespace dm_test {

@@ -12,7 +12,7 @@
 
 namespace {
 
-using dm_test::DmTest;
+using namespace dm_test;
 
 class Dati : public DmTest {
   protected:
@@ -34,10 +34,9 @@ class Dati : public DmTest {
         for (const auto &e : h.rt().trace()) {
             if (e.to == TASK_ATI_ATC && e.event_id == EVENT_DATAMNGR_ATCMD_RESP) {
                 EXPECT_EQ(e.len, sizeof(AtCmdResp));
-                out.push_back(std::string("7 ") + dm::testkit::record_of<AtCmdResp>(e).text);
+                out.push_back(std::string("7 ") + record_of<AtCmdResp>(e).text);
             } else if (e.to == TASK_ATI_URC) {
-                out.push_back(std::to_string(e.event_id) + " " +
-                              dm::testkit::record_of<AtUrc>(e).text);
+                out.push_back(std::to_string(e.event_id) + " " + record_of<AtUrc>(e).text);
             } else if (e.to == TASK_ATI_ATC) {
                 out.push_back("15 " + std::string(reinterpret_cast<const char *>(e.data.data())));
             }
@@ -179,34 +178,26 @@ TEST_F(Dati, MalformedAndOverlongLinesStayInsideTheirEvents) {
 // Each handler, called straight with a held reply, ends with 0 whatever it
 // did with the reply.
 TEST_F(Dati, HandlersReturnZero) {
-    const struct {
-        dati_atc_hdl_t hdl;
-        const char *params;
-    } cases[] = {{dati_cfun_assign_hdl, "1\r"},
-                 {dati_cfun_assign_hdl, "\r"},
-                 {dati_efun_assign_hdl, "1\r"},
-                 {dati_efun_assign_hdl, "\r"},
-                 {dati_egtype_assign_hdl, "1\r"},
-                 {dati_egtype_assign_hdl, "\r"},
-                 {dati_cgdcont_assign_hdl, "1,x,\"a\"\r"},
-                 {dati_cgdcont_assign_hdl, "1,\"IP\",\"a\"\r"},
-                 {dati_vzwact_assign_hdl, "1,x\r"},
-                 {dati_cgact_assign_hdl, "1,1\r"},
-                 {dati_cgact_assign_hdl, "0,0\r"},
-                 {dati_cgact_assign_hdl, "3,1\r"},
-                 {dati_cgact_assign_hdl, "1,9\r"},
-                 {dati_cgact_query_hdl, "\r"},
-                 {dati_vzwact_query_hdl, "\r"},
-                 {dati_vzwact_assign_hdl, "\r"},
-                 {dati_forge_urc_assign_hdl, "x\r"},
-                 {dati_bypass_query_hdl, "AT+X?\r"}};
+    const std::pair<dati_atc_hdl_t, std::vector<const char *>> cases[] = {
+            {dati_cfun_assign_hdl, {"1\r", "\r"}},
+            {dati_efun_assign_hdl, {"1\r", "\r"}},
+            {dati_egtype_assign_hdl, {"1\r", "\r"}},
+            {dati_cgdcont_assign_hdl, {"1,x,\"a\"\r", "1,\"IP\",\"a\"\r"}},
+            {dati_vzwact_assign_hdl, {"1,x\r"}},
+            {dati_cgact_assign_hdl, {"1,1\r", "0,0\r", "3,1\r", "1,9\r"}},
+            {dati_cgact_query_hdl, {"\r"}},
+            {dati_vzwact_query_hdl, {"\r"}},
+            {dati_vzwact_assign_hdl, {"\r"}},
+            {dati_forge_urc_assign_hdl, {"x\r"}},
+            {dati_bypass_query_hdl, {"AT+X?\r"}}};
     // First before the task has seen its entity, then after.
     for (int round = 0; round < 2; ++round) {
-        for (const auto &c : cases) {
-            evfw_event_t *held = evfw_event_alloc(nullptr);
-            std::string params = c.params;
-            EXPECT_EQ(c.hdl(&dati_atc_tbl[5], params.data(), &held), 0) << c.params;
-            evfw_event_free(held);  // whatever a handler left in the slot
+        for (const auto &[hdl, all_params] : cases) {
+            for (std::string params : all_params) {
+                evfw_event_t *held = evfw_event_alloc(nullptr);
+                EXPECT_EQ(hdl(&dati_atc_tbl[5], params.data(), &held), 0) << params;
+                evfw_event_free(held);  // whatever a handler left in the slot
+            }
         }
         to_dati(EVENT_DATAMNGR_ATCMD_RESP, nullptr, 0);
     }
@@ -222,11 +213,9 @@ TEST_F(Dati, CgdcontAndCgactKeepTheirRowsAndCgactReleasesTheLockOnceMore) {
               std::tuple(9, -1, 1u, 1u, 0u));
     EXPECT_EQ(h.entity()->at_pdp_ctx[9].cid, -1);
     at("AT+CGACT=1,9\r");
-    EXPECT_EQ(row.state, 1);
-    EXPECT_EQ(h.rt().bad_unlocks(), 1);
+    EXPECT_EQ(std::tuple(row.state, h.rt().bad_unlocks()), std::tuple(1, 1L));
     at("AT+CGACT=0,0\r");
-    EXPECT_EQ(row.state, 0);
-    EXPECT_EQ(h.rt().bad_unlocks(), 2);
+    EXPECT_EQ(std::tuple(row.state, h.rt().bad_unlocks()), std::tuple(0, 2L));
 }
 
 TEST_F(Dati, VzwactKeepsTheLockAndItsReply) {
@@ -254,9 +243,8 @@ class SelfTrigger : public Dati {
             resp.cookie = req->cookie + shift;
             resp.result = 7;
             strcpy(resp.text, "\r\nOK\r\n");
-            for (int i = 0; i < answers; ++i) {
+            for (int i = 0; i < answers; ++i)
                 self.reply(in.event, TASK_DATAMNGR, EVENT_ATMNGR_ATCMD_RESP, &resp, sizeof(resp));
-            }
         });
     }
 };
@@ -272,9 +260,9 @@ TEST_F(SelfTrigger, AnswersAreMatchedByCookie) {
         modem_answers(c.shift, c.answers);
         self_trigger_atcmd_req("AT+X\r\n");
         h.pump();
-        EXPECT_EQ(atcmd_pending, c.pending);
-        EXPECT_EQ(dati_atcmd_contexts_alive(), c.alive);
-        EXPECT_EQ(logged("[DMGR-ERR] dm_atcmd_resp unknown cookie 0x"), c.unknown);
+        EXPECT_EQ(std::tuple(atcmd_pending, dati_atcmd_contexts_alive(),
+                             logged("[DMGR-ERR] dm_atcmd_resp unknown cookie 0x")),
+                  std::tuple(c.pending, c.alive, c.unknown));
     }
     EXPECT_EQ(h.rt().timeouts(), 0);
     EXPECT_EQ(logged("[DMGR-INF] dm_atcmd_resp res:7 \r\nOK\r\n\b\b from AT+X\r\n\b\b priv "), 2u);
@@ -288,19 +276,17 @@ TEST_F(SelfTrigger, RequestCarriesTheCommandAndTheC2kOneIsDropped) {
     h.pump();
     auto to_modem = h.sent_to(TASK_ATMNGR, EVENT_ATMNGR_ATCMD_REQ);
     ASSERT_EQ(to_modem.size(), 2u);
-    auto req = dm::testkit::record_of<AtCmdReq>(to_modem[0]);
+    auto req = record_of<AtCmdReq>(to_modem[0]);
     EXPECT_EQ(std::tuple(req.kind, std::string(req.text)),
               std::tuple(5u, std::string("AT+EAPN?\r\n")));
-    EXPECT_EQ(std::string(dm::testkit::record_of<AtCmdReq>(to_modem[1]).text),
-              std::string(510, 'c'));
+    EXPECT_EQ(std::string(record_of<AtCmdReq>(to_modem[1]).text), std::string(510, 'c'));
     EXPECT_EQ(logged("[DMGR-INF] self_trigger_atcmd_req AT+EAPN?\r\n\b\b priv "), 1u);
     EXPECT_EQ(logged("[DMGR-INF] dm_atcmd_req AT+EAPN?\r\n"), 1u);
     // 3003 has no row in the dispatcher: its context and count stay for good.
     self_trigger_c2k_atcmd_req("AT+C2K\r\n");
     h.pump();
     EXPECT_EQ(logged("[DMGR-ERR] event id 3003 invalid message length 552 != 0"), 1u);
-    EXPECT_EQ(atcmd_pending, 1);
-    EXPECT_EQ(dati_atcmd_contexts_alive(), 1u);
+    EXPECT_EQ(std::tuple(atcmd_pending, dati_atcmd_contexts_alive()), std::tuple(1, 1u));
     // A request straight to the C2K AT manager waits for its answer.
     h.task(TASK_ATMNGR_C2K).on_receive([](evfw_host::Peer &self, const evfw_host::Received &in) {
         AtCmdResp resp = {};
@@ -317,8 +303,7 @@ TEST_F(SelfTrigger, RequestCarriesTheCommandAndTheC2kOneIsDropped) {
     EXPECT_EQ(dm_atcmd_resp(nullptr, nullptr), -1);
     // The library's state reset (between harnesses) releases what is left.
     dm::testkit::reset_library_state();
-    EXPECT_EQ(atcmd_pending, 0);
-    EXPECT_EQ(dati_atcmd_contexts_alive(), 0u);
+    EXPECT_EQ(std::tuple(atcmd_pending, dati_atcmd_contexts_alive()), std::tuple(0, 0u));
 }
 
 // The URC routines are exported; their results are the callers' to read.

@@ -17,8 +17,7 @@
 
 namespace {
 
-using dm_test::Bytes;
-using dm_test::DmTest;
+using namespace dm_test;
 using evfw_host::Runtime;
 
 // ---- start and stop, without the test kit's load --------------------------------
@@ -44,17 +43,14 @@ class Lifecycle : public ::testing::Test {
     evfw_host::EntityAbi abi;
 };
 
-TEST_F(Lifecycle, InitMakesItsCallsInOrderAndExitUndoesThem) {
+TEST_F(Lifecycle, InitMakesItsCallsInOrderItsThreadClearsThePdnTablesAndExitUndoesThem) {
     std::vector<std::string> want = {"evfw_mutex_init", "evfw_task_init(41,402)",
                                      "evfw_task_init(41,403)", "evfw_task_init(41,404)"};
     for (int id : {4002, 4003, 4019, 4005, 4007, 4009, 4011, 4013, 4015, 4017, 4027, 4028,
-                   4029, 4035, 4049, 4045, 4047, 4041, 4043, 4062, 4063, 4058, 4060}) {
+                   4029, 4035, 4049, 4045, 4047, 4041, 4043, 4062, 4063, 4058, 4060})
         want.push_back("evfw_connmngr_common_subscribe(402," + std::to_string(id) + ",1)");
-    }
-    for (const char *c : {"evfw_atmngr_subscribe_urc(402,+CGEV,3006,4)", "set_hdl(402)",
-                          "evfw_thrd_init", "evfw_thrd_start"}) {
-        want.push_back(c);
-    }
+    want.insert(want.end(), {"evfw_atmngr_subscribe_urc(402,+CGEV,3006,4)", "set_hdl(402)",
+                             "evfw_thrd_init", "evfw_thrd_start"});
     evfw_entity_t *entity = rt.load("datamngr", abi);
     ASSERT_NE(entity, nullptr);
     EXPECT_EQ(rt.calls(), want);
@@ -62,10 +58,14 @@ TEST_F(Lifecycle, InitMakesItsCallsInOrderAndExitUndoesThem) {
     auto *state = static_cast<DatamngrEntity *>(entity->priv);
     ASSERT_EQ(state, dm_entity());
     EXPECT_EQ(state->entity, entity);
-    for (const AtPdpContext &ctx : state->at_pdp_ctx) {
-        EXPECT_EQ(ctx.state, -1);
-        EXPECT_EQ(ctx.cid, -1);
-    }
+    for (const AtPdpContext &ctx : state->at_pdp_ctx)
+        EXPECT_EQ(std::tuple(ctx.state, ctx.cid), std::tuple(-1, -1));
+    // The init thread clears the PDN tables.
+    DataCallEntry entry = {0, 0, 0, 3, {}};
+    update_pdn_info(&entry, nullptr);
+    EXPECT_EQ(rt.run_threads(), 1u);
+    EXPECT_EQ(find_pdn_info_by_cid(3), nullptr);
+    EXPECT_EQ(datamngr_init(nullptr), 0);
     const size_t n = rt.calls().size();
     rt.unload();
     EXPECT_EQ(calls_since(n),
@@ -90,16 +90,6 @@ TEST_F(Lifecycle, WithoutEntityRecordTheTasksGetEntityIdZero) {
     EXPECT_TRUE(calls_since(n).empty());
 }
 
-TEST_F(Lifecycle, InitThreadClearsThePdnTables) {
-    rt.load("datamngr", abi);
-    DataCallEntry entry = {};
-    entry.cid = 3;
-    update_pdn_info(&entry, nullptr);
-    EXPECT_EQ(rt.run_threads(), 1u);
-    EXPECT_EQ(find_pdn_info_by_cid(3), nullptr);
-    EXPECT_EQ(datamngr_init(nullptr), 0);
-}
-
 TEST_F(Lifecycle, UrcPrefixesOfTheOperatorAndTheDefaultTable) {
     static const char *const kPrefixes[] = {"+EOPA", "", "+EOPB"};
     OperatorHooks hooks = {};
@@ -112,11 +102,9 @@ TEST_F(Lifecycle, UrcPrefixesOfTheOperatorAndTheDefaultTable) {
     };
     dm_set_operator_hooks(&hooks);
     rt.load("datamngr", abi);
-    auto urcs = rt.urc_subscriptions();
-    ASSERT_EQ(urcs.size(), 3u);
-    EXPECT_EQ(urcs[0].prefix + std::to_string(urcs[0].mode), "+EOPA1");
-    EXPECT_EQ(urcs[1].prefix + std::to_string(urcs[1].mode), "+EOPB4");
-    EXPECT_EQ(urcs[2].prefix + std::to_string(urcs[2].mode), "+CGEV4");
+    std::string urcs;
+    for (const auto &u : rt.urc_subscriptions()) urcs += u.prefix + std::to_string(u.mode) + " ";
+    EXPECT_EQ(urcs, "+EOPA1 +EOPB4 +CGEV4 ");
     size_t errors = 0;
     for (const auto &l : rt.logs())
         errors += l.text.ends_with("dm_register_urc get urc prefix error!!");
@@ -151,6 +139,11 @@ const LogCase kLogCases[] = {
         {[] { DATI_LOGD("Fun = %s", "1"); }, 0, 3, "Fun = 1"},
 };
 
+void a_function_name_longer_than_twenty_four() {
+    DM_LOGI("cut");
+}
+
+// The header pads and cuts the function name to 24 columns.
 TEST_F(Lifecycle, LogLinesCarryTheirLevelAndAreGatedByTheDebugLevel) {
     for (const LogCase &c : kLogCases) {
         for (uint32_t lv : {15u, 15u & ~c.level}) {
@@ -161,20 +154,13 @@ TEST_F(Lifecycle, LogLinesCarryTheirLevelAndAreGatedByTheDebugLevel) {
             const bool shown = c.level == 0 || (lv & c.level) != 0;
             ASSERT_EQ(logs.size(), shown ? 1u : 0u) << c.text;
             if (!shown) continue;
-            EXPECT_EQ(dm::testkit::log_body(logs[0].text),
-                      std::string(c.text).substr(c.level ? 11 : 0));
+            EXPECT_EQ(log_body(logs[0].text), std::string(c.text).substr(c.level ? 11 : 0));
             EXPECT_TRUE(logs[0].text.ends_with(c.text));
             EXPECT_EQ(logs[0].text.substr(0, 2), " (");
             EXPECT_EQ(logs[0].prio, c.prio);
         }
     }
-}
-
-void a_function_name_longer_than_twenty_four() {
-    DM_LOGI("cut");
-}
-
-TEST_F(Lifecycle, HeaderPadsAndCutsTheFunctionNameTo24Columns) {
+    rt.clear_logs();
     a_function_name_longer_than_twenty_four();
     kLogCases[2].write();
     auto logs = rt.logs();
@@ -291,16 +277,15 @@ TEST_F(Entity, RegistryLookups) {
     evfw_event_t *imsm2 = query_task_info_by_name("imsm_2");
     ASSERT_NE(imsm2, nullptr);
     evfw_event_t *from_imsm2 = evfw_event_alloc(imsm2);
-    for (auto [sim, from] : {std::pair{2u, 1}, {1u, 0}, {3u, 0}}) {
+    for (auto [sim, from] : {std::pair{2u, 1}, {1u, 0}, {3u, 0}})
         EXPECT_EQ(is_event_from_imsm(&sim, from_imsm2), from) << sim;
-    }
     EXPECT_EQ(logged("[DMGR-DBG] is_event_from_imsm cannot find IMSM name for sim 1"), 1u);
     EXPECT_EQ(query_task_info(from_imsm2), task_info_row(3));
     evfw_event_free(from_imsm2);
     output_task_info(task_info_row(11));
     auto dump = h.logs_containing("rildproxy, event (nil), dest 2, task id 202");
     ASSERT_EQ(dump.size(), 1u);
-    EXPECT_EQ(dm::testkit::log_body(dump[0]), "rildproxy, event (nil), dest 2, task id 202");
+    EXPECT_EQ(log_body(dump[0]), "rildproxy, event (nil), dest 2, task id 202");
 }
 
 // ---- the exported request senders ------------------------------------------------
@@ -314,45 +299,40 @@ struct SenderCase {
 
 Bytes text_at(size_t len, size_t offset, std::string_view text) {
     Bytes b(len, 0);
-    dm_test::put_text(b, offset, text);
+    put_text(b, offset, text);
     return b;
 }
 
+Bytes cause(int n) {
+    return text_at(4108, 12, "+ECCAUSE: \"emm_cause\", " + std::to_string(n));
+}
+Bytes setup_answer_pdnet3() {
+    Bytes b = words(47876, {{176, 1}});
+    put_text(b, 28, "pdnet3");
+    return b;
+}
+int32_t notification(evfw_context_t *c) {
+    return dm_send_req_notification(c, "imsm_2");
+}
+
+SenderCase sends(const char *name, int32_t (*send)(evfw_context_t *), uint32_t event_id,
+                 uint32_t to, std::vector<Bytes> payloads) {
+    return {name, send, event_id, to, std::move(payloads)};
+}
+
 const SenderCase kSenders[] = {
-        {"Notification",
-         [](evfw_context_t *c) { return dm_send_req_notification(c, "imsm_2"); },
-         4002,
-         402,
-         {text_at(132, 0, "imsm_2")}},
-        {"SetupRequests",
-         dm_send_req_setup_data_call,
-         4003,
-         402,
-         {Bytes(704), dm_test::words(704, {{656, 1}, {680, 1}}), dm_test::words(704, {{656, 1}})}},
-        {"SetupAnswers",
-         dm_send_resp_setup_data_call,
-         4004,
-         402,
-         {dm_test::words(47876, {{24, 1}, {188, 1}}),
-          [] {
-              Bytes b = dm_test::words(47876, {{176, 1}});
-              dm_test::put_text(b, 28, "pdnet3");
-              return b;
-          }(),
-          dm_test::words(47876, {{24, 2}, {176, 1}, {188, 1}})}},
-        {"RadioPower", dm_send_req_radio_power, 4032, 402, {Bytes(8)}},
-        {"Handover", dm_send_ho_notify, 9318, 402, {Bytes{0, 1, 0, 0, 0, 0}}},
-        {"Urc",
-         dm_send_urc,
-         3006,
-         402,
-         {text_at(4108, 12, "+EAPNMOD: \"VZWINTERNET\""),
-          text_at(4108, 12, "+ECCAUSE: \"emm_cause\", 28"),
-          text_at(4108, 12, "+ECCAUSE: \"emm_cause\", 50"),
-          text_at(4108, 12, "+ECCAUSE: \"emm_cause\", 51"),
-          text_at(4108, 12, "+ECCAUSE: \"emm_cause\", 39"),
-          text_at(4108, 12, "+ECCAUSE: \"emm_cause\", 54")}},
-        {"NetlinkListen", dm_send_req_netlink_listen, 4070, 404, {dm_test::words(4, {{0, 5566}})}},
+        sends("Notification", notification, 4002, 402, {text_at(132, 0, "imsm_2")}),
+        sends("SetupRequests", dm_send_req_setup_data_call, 4003, 402,
+              {Bytes(704), words(704, {{656, 1}, {680, 1}}), words(704, {{656, 1}})}),
+        sends("SetupAnswers", dm_send_resp_setup_data_call, 4004, 402,
+              {words(47876, {{24, 1}, {188, 1}}), setup_answer_pdnet3(),
+               words(47876, {{24, 2}, {176, 1}, {188, 1}})}),
+        sends("RadioPower", dm_send_req_radio_power, 4032, 402, {Bytes(8)}),
+        sends("Handover", dm_send_ho_notify, 9318, 402, {Bytes{0, 1, 0, 0, 0, 0}}),
+        sends("Urc", dm_send_urc, 3006, 402,
+              {text_at(4108, 12, "+EAPNMOD: \"VZWINTERNET\""), cause(28), cause(50), cause(51),
+               cause(39), cause(54)}),
+        sends("NetlinkListen", dm_send_req_netlink_listen, 4070, 404, {words(4, {{0, 5566}})}),
 };
 
 class Senders : public DmTest, public ::testing::WithParamInterface<SenderCase> {};

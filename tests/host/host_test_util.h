@@ -7,15 +7,24 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <cstdio>
-#include <functional>
 #include <mutex>
-#include <string>
-#include <vector>
 
 #include "evfw.h"
 #include "evfw_host/runtime.h"
 #include "evfw_ids.h"
+
+// Sanitizer builds: AddressSanitizer, or any that brings its own allocator.
+#if defined(__has_feature)
+#define HOST_TEST_HAS(x) __has_feature(x)
+#else
+#define HOST_TEST_HAS(x) 0
+#endif
+#if defined(__SANITIZE_ADDRESS__) || HOST_TEST_HAS(address_sanitizer)
+#define HOST_TEST_ASAN 1
+#endif
+#if defined(HOST_TEST_ASAN) || defined(__SANITIZE_THREAD__) || HOST_TEST_HAS(thread_sanitizer)
+#define HOST_TEST_SANITIZED 1
+#endif
 
 namespace host_test {
 
@@ -24,6 +33,12 @@ using evfw_host::Mode;
 using evfw_host::Peer;
 using evfw_host::Received;
 using evfw_host::Runtime;
+
+// Events are pooled unless EVFW_HOST_POOL is "0".
+inline bool pool_off() {
+    const char *env = getenv("EVFW_HOST_POOL");
+    return env != nullptr && strcmp(env, "0") == 0;
+}
 
 // A fresh event with id and bytes, owned by the caller.
 inline evfw_event_t *make_event(uint32_t id, const Bytes &bytes = {}) {
@@ -52,6 +67,14 @@ std::string printed(Fn fn) {
     return text;
 }
 
+// The main task's way with a request: it asks the AT manager (3002) and
+// waits for the answer (3004).
+inline int ask_at_manager(evfw_task_t *task) {
+    const uint32_t want = EVENT_ATMNGR_ATCMD_RESP;
+    return evfw_task_send_recv_event(task, make_event(3002), TASK_ATMNGR, rx_cond_event_id, &want,
+                                     4);
+}
+
 // The fake entity: init makes a mutex, tasks 402 and 403, a subscription, a
 // URC subscription, the main handler and a thread that waits for all
 // entities' init; exit undoes it.
@@ -60,8 +83,7 @@ struct FakeEntity {
     evfw_mutex_t lock{};
     evfw_thrd_t thrd{};
     std::mutex mu;
-    std::vector<uint32_t> main_got, dati_got;  // ids the handlers got
-    std::vector<void *> dati_priv;             // the entity argument of 403's handler
+    std::vector<uint32_t> main_got;  // ids the main handler got
     // Takes the event once it is recorded; by default it is freed.
     std::function<void(evfw_task_t *, evfw_event_t *)> on_main;
     bool fail_init = false;
@@ -71,6 +93,21 @@ struct FakeEntity {
     std::vector<uint32_t> main_ids() {
         std::lock_guard lk(mu);
         return main_got;
+    }
+    static void *main_hdl(evfw_task_t *task, evfw_event_t *event, void *arg) {
+        auto *fe = static_cast<FakeEntity *>(arg);
+        std::unique_lock lk(fe->mu);
+        fe->main_got.push_back(event_get_id(event));
+        lk.unlock();
+        fe->on_main ? fe->on_main(task, event) : evfw_event_free(event);
+        return nullptr;
+    }
+    // The started thread waits for all entities' init.
+    static int wait_for_init(void *arg) {
+        auto *fe = static_cast<FakeEntity *>(arg);
+        fe->wait_result = evfw_wait_all_entity_init();
+        fe->saw_init_done = fe->init_done.load();
+        return 0;
     }
 };
 
@@ -88,28 +125,9 @@ inline evfw_host::EntityAbi fake_abi() {
         evfw_task_init(&f->dati, 41, TASK_DATAMNGR_DATI_HDL);
         evfw_connmngr_common_subscribe(&f->main, EVENT_DATAMNGR_SETUP_DATA_CALL_REQ, 1);
         evfw_atmngr_subscribe_urc(&f->main, "+CGEV", EVENT_ATMNGR_URC, EVFW_URC_MODE_SKIP_CRLF);
-        f->main.set_hdl(
-                &f->main,
-                [](evfw_task_t *task, evfw_event_t *event, void *arg) -> void * {
-                    auto *fe = static_cast<FakeEntity *>(arg);
-                    {
-                        std::lock_guard lk(fe->mu);
-                        fe->main_got.push_back(event_get_id(event));
-                    }
-                    fe->on_main ? fe->on_main(task, event) : evfw_event_free(event);
-                    return nullptr;
-                },
-                f);
+        f->main.set_hdl(&f->main, FakeEntity::main_hdl, f);
         evfw_thrd_init(&f->thrd);
-        f->thrd.start(
-                &f->thrd,
-                [](void *arg) {
-                    auto *fe = static_cast<FakeEntity *>(arg);
-                    fe->wait_result = evfw_wait_all_entity_init();
-                    fe->saw_init_done = fe->init_done.load();
-                    return 0;
-                },
-                f);
+        f->thrd.start(&f->thrd, FakeEntity::wait_for_init, f);
         f->init_done = true;
         if (!f->fail_init) return e;
         evfw_mutex_exit(&f->lock);
@@ -125,14 +143,10 @@ inline evfw_host::EntityAbi fake_abi() {
         g_exit_order.push_back(e->name);
         return e;
     };
-    abi.ctx_handlers = {
-            {TASK_DATAMNGR_DATI_HDL, [](evfw_context_t *, evfw_event_t *ev, void *priv) {
-                 std::lock_guard lk(g_fake->mu);
-                 g_fake->dati_got.push_back(event_get_id(ev));
-                 g_fake->dati_priv.push_back(priv);
-                 evfw_event_free(ev);
-                 return 0;
-             }}};
+    abi.ctx_handlers = {{TASK_DATAMNGR_DATI_HDL, [](evfw_context_t *, evfw_event_t *ev, void *) {
+                             evfw_event_free(ev);
+                             return 0;
+                         }}};
     return abi;
 }
 

@@ -4,20 +4,11 @@
 #include <cutils/properties.h>
 
 #include <cerrno>
-#include <chrono>
 #include <future>
 #include <new>
 #include <thread>
 
 #include "host_test_util.h"
-
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-#define HOST_TEST_SANITIZED 1
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
-#define HOST_TEST_SANITIZED 1
-#endif
-#endif
 
 namespace {
 std::atomic<long> g_news{0};
@@ -65,11 +56,7 @@ class Threaded : public EntityFixture {
         at = &rt.add_task(TASK_ATMNGR);
         fake.on_main = [this](evfw_task_t *task, evfw_event_t *ev) {
             main_thread = std::this_thread::get_id();
-            if (event_get_id(ev) == 4003) {
-                const uint32_t want = EVENT_ATMNGR_ATCMD_RESP;
-                result = evfw_task_send_recv_event(task, make_event(3002), TASK_ATMNGR,
-                                                   rx_cond_event_id, &want, 4);
-            }
+            if (event_get_id(ev) == 4003) result = ask_at_manager(task);
             evfw_event_free(ev);
         };
     }
@@ -218,11 +205,11 @@ TEST_P(Threads, StartRunsTheRoutineAsTheModeSaysAndInitDoesNotWaitForItself) {
     EXPECT_EQ(rt.diagnostics().at(0).text.rfind("evfw_wait_all_entity_init", 0), 0u);
 }
 
+std::string mode_name(const testing::TestParamInfo<Mode> &info) {
+    return info.param == Mode::Deterministic ? "Deterministic" : "Threaded";
+}
 INSTANTIATE_TEST_SUITE_P(Modes, Threads, testing::Values(Mode::Deterministic, Mode::Threaded),
-                         [](const auto &info) {
-                             return info.param == Mode::Deterministic ? "Deterministic"
-                                                                      : "Threaded";
-                         });
+                         mode_name);
 
 // ---- a warm runtime: no allocation per event with the trace off -------------------
 
@@ -232,9 +219,7 @@ class SteadyState : public Threads {
 #ifdef HOST_TEST_SANITIZED
         GTEST_SKIP() << "the sanitizer's allocator cannot be counted";
 #endif
-        const char *pool = std::getenv("EVFW_HOST_POOL");
-        if (pool != nullptr && strcmp(pool, "0") == 0)
-            GTEST_SKIP() << "every event is new without the pool";
+        if (pool_off()) GTEST_SKIP() << "every event is new without the pool";
         Threads::SetUp();
         from = &rt.add_task(TASK_RB_SIM0);
         rt.add_task(TASK_RB_SIM1).on_receive([this](Peer &, const Received &) { ++delivered; });
@@ -280,10 +265,7 @@ TEST_P(SteadyState, SendsAndPropertyReadsAllocateNothingOnceWarmWithTheTraceOff)
 }
 
 INSTANTIATE_TEST_SUITE_P(Modes, SteadyState, testing::Values(Mode::Deterministic, Mode::Threaded),
-                         [](const auto &info) {
-                             return info.param == Mode::Deterministic ? "Deterministic"
-                                                                      : "Threaded";
-                         });
+                         mode_name);
 
 }  // namespace
 }  // namespace host_test

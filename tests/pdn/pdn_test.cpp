@@ -14,18 +14,12 @@
 
 namespace {
 
-using dm_test::Bytes;
-using dm_test::DmTest;
+using namespace dm_test;
 
 class Pdn : public DmTest {
   protected:
     PdnInfo *up(int32_t cid, uint32_t interface_id, uint32_t primary_cid) {
-        DataCallEntry e = {};
-        e.cid = cid;
-        e.interface_id = interface_id;
-        e.primary_cid = primary_cid;
-        e.status = 9;
-        e.rest[0] = 0x5a;
+        DataCallEntry e = {9, interface_id, primary_cid, cid, {0x5a}};
         return update_pdn_info(&e, nullptr);
     }
 };
@@ -42,8 +36,7 @@ TEST_F(Pdn, IndexesNameACellularOrAnEpdgRow) {
                  {99, nullptr},
                  {116, nullptr},
                  {-1, nullptr}};
-    ASSERT_NE(cases[0].row, nullptr);
-    ASSERT_NE(cases[2].row, nullptr);
+    ASSERT_TRUE(cases[0].row != nullptr && cases[2].row != nullptr);
     EXPECT_NE(cases[0].row, cases[2].row);
     for (const auto &c : cases) {
         EXPECT_EQ(find_pdn_info_by_index(c.index), c.row) << c.index;
@@ -54,24 +47,23 @@ TEST_F(Pdn, IndexesNameACellularOrAnEpdgRow) {
 }
 
 TEST_F(Pdn, SearchesSkipFreeRowsAndPreferTheLowestCellularRow) {
-    EXPECT_EQ(find_pdn_info_by_apn("ims"), nullptr);
-    EXPECT_EQ(get_interface_by_cid(5), UINT32_MAX);
+    EXPECT_EQ(std::tuple(find_pdn_info_by_apn("ims"), get_interface_by_cid(5)),
+              std::tuple(nullptr, UINT32_MAX));
     find_pdn_info_by_index(1)->apn[0] = 'x';  // free: never matches
     PdnInfo *epdg = up(101, 7, 101);
     strcpy(epdg->apn, "x");
     EXPECT_EQ(find_pdn_info_by_apn("x"), epdg);
     PdnInfo *cell = up(3, 7, 3);
     strcpy(cell->apn, "x");
-    EXPECT_EQ(find_pdn_info_by_apn("x"), cell);
-    EXPECT_EQ(find_pdn_info_by_apn("X"), nullptr);
-    EXPECT_EQ(find_pdn_info_by_apn(nullptr), nullptr);
-    EXPECT_EQ(find_pdn_info_by_interface(7), cell);
+    EXPECT_EQ(std::tuple(find_pdn_info_by_apn("x"), find_pdn_info_by_apn("X"),
+                         find_pdn_info_by_apn(nullptr), find_pdn_info_by_interface(7)),
+              std::tuple(cell, nullptr, nullptr, cell));
     // A cid in both tables: the cellular row.
     PdnInfo *both = up(5, 8, 5);
     PdnInfo *dedicated = up(105, 9, 104);
-    EXPECT_EQ(find_pdn_info_by_cid(5), both);
-    EXPECT_EQ(find_pdn_info_by_cid(105), dedicated);
-    EXPECT_EQ(get_interface_by_cid(105), 9u);
+    EXPECT_EQ(std::tuple(find_pdn_info_by_cid(5), find_pdn_info_by_cid(105),
+                         get_interface_by_cid(105)),
+              std::tuple(both, dedicated, 9u));
     // Only a default bearer stands for its interface.
     EXPECT_EQ(find_pdn_info_by_interface(9), nullptr);
     EXPECT_EQ(logged("[DMGR-WAR] find_pdn_info_by_interface fail interface id 9\n"), 1u);
@@ -104,18 +96,17 @@ TEST_F(Pdn, UpdateWritesTheEntryAndKeepsTheRowsOwnFields) {
 }
 
 TEST_F(Pdn, ClearsGoByInterfaceAndTableOrByCidInBothTables) {
-    up(2, 6, 2);
-    up(3, 6, 2);
-    up(102, 6, 102);
-    up(7, 1, 7);
+    for (auto [cid, iface, primary] :
+         {std::tuple{2, 6u, 2u}, {3, 6u, 2u}, {102, 6u, 102u}, {7, 1u, 7u}})
+        up(cid, iface, primary);
     EXPECT_EQ(clear_pdn_info_by_if_type(6, 3), 0);
     EXPECT_EQ(find_pdn_info_by_index(2)->active, 1u);
     EXPECT_EQ(clear_pdn_info_by_if_type(6, 1), 0);
     EXPECT_EQ(find_pdn_info_by_index(2)->active + find_pdn_info_by_index(3)->active, 0u);
     EXPECT_EQ(find_pdn_info_by_index(102)->active, 1u);
     EXPECT_EQ(clear_pdn_info_by_if_type(6, 2), 0);
-    EXPECT_EQ(find_pdn_info_by_index(102)->cid, 0);
-    EXPECT_EQ(find_pdn_info_by_index(7)->active, 1u);
+    EXPECT_EQ(std::tuple(find_pdn_info_by_index(102)->cid, find_pdn_info_by_index(7)->active),
+              std::tuple(0, 1u));
     up(107, 1, 107);
     up(7, 1, 7);
     EXPECT_EQ(clear_pdn_info_by_cid(107), 0);
@@ -137,11 +128,10 @@ TEST_F(Pdn, ResetFreesEveryRowAndDumpShowsTheCellularTable) {
     dump_pdn_info();
     auto lines = h.logs_containing("PDN info ");
     ASSERT_EQ(lines.size(), 16u);
-    EXPECT_EQ(dm::testkit::log_body(lines[1]),
-              "PDN info 1 active 1 internet interface id 3 cid 1\n");
-    EXPECT_EQ(dm::testkit::log_body(lines[2]),
+    EXPECT_EQ(log_body(lines[1]), "PDN info 1 active 1 internet interface id 3 cid 1\n");
+    EXPECT_EQ(log_body(lines[2]),
               "PDN info 2 active 0 " + std::string(128, 'a') + " interface id 0 cid 0\n");
-    EXPECT_EQ(dm::testkit::log_body(lines[15]), "PDN info 15 active 0  interface id 0 cid 0\n");
+    EXPECT_EQ(log_body(lines[15]), "PDN info 15 active 0  interface id 0 cid 0\n");
     EXPECT_EQ(reset_pdn_info(), 0);
     EXPECT_EQ(find_pdn_info_by_index(110)->active + find_pdn_info_by_index(1)->active, 0u);
     EXPECT_EQ(find_pdn_info_by_index(2)->apn[0], '\0');
@@ -154,7 +144,7 @@ TEST_F(Pdn, SetupRequestMarksTheRowOfItsApn) {
     PdnInfo *row = find_pdn_info_by_index(110);
     memset(row->apn, 'n', sizeof(row->apn));  // compared within the field
     row->active = 1;
-    Bytes req = dm_test::words(704, {{648, 7}});
+    Bytes req = words(704, {{648, 7}});
     memset(req.data() + 256, 'n', 128);
     h.send_bytes(h.client("lanmngr"), EVENT_DATAMNGR_SETUP_DATA_CALL_REQ, req);
     h.pump();
@@ -168,37 +158,29 @@ TEST_F(Pdn, SetupRequestMarksTheRowOfItsApn) {
     EXPECT_EQ(row->interface_id + row->active, 0u);
 }
 
-TEST_F(Pdn, AnswerUnderAnUnknownIdGoesNowhere) {
-    h.announce_ril();
-    auto *resp = new SetupDataCallResp();
-    resp->active = 1;
-    evfw_event_t *event = evfw_event_alloc(nullptr);
-    event_set_id(event, EVENT_DATAMNGR_SETUP_DATA_CALL_REQ);
-    EXPECT_EQ(dm_setup_data_call_resp(resp, event), 0);
-    evfw_event_free(event);
-    delete resp;
-    EXPECT_EQ(logged("[DMGR-ERR] dm_setup_data_call_resp invalid event 4003\n"), 1u);
-    EXPECT_EQ(logged("SETUP DATA CALL"), 0u);
-}
-
 // Handlers whose results the dispatcher ignores still give them to other
-// callers of the library.
+// callers of the library; an answer under an unknown id goes nowhere.
 TEST_F(Pdn, HandlersTellWhetherTheyActed) {
     h.announce_ril();
-    Bytes fail_ind = dm_test::words(8, {{0, 5}});
+    Bytes fail_ind = words(8, {{0, 5}});
     EXPECT_EQ(dm_setup_data_call_fail_ind(fail_ind.data(), nullptr), -1);
     rild_req_interface_id = 4;
     evfw_event_t *event = evfw_event_alloc(nullptr);
     EXPECT_EQ(dm_setup_data_call_fail_ind(fail_ind.data(), event), 0);
     EXPECT_EQ(rild_req_interface_id, -1);
-    Bytes deact = dm_test::words(12, {{0, 3}});
-    EXPECT_EQ(dm_deactivate_data_call_req(deact.data(), event), -1);
-    deact = dm_test::words(12, {{0, UINT32_MAX}});
-    EXPECT_EQ(dm_deactivate_data_call_if_req(deact.data(), event), -1);
+    Bytes cid3 = words(12, {{0, 3}}), none = words(12, {{0, UINT32_MAX}});
+    EXPECT_EQ(dm_deactivate_data_call_req(cid3.data(), event), -1);
+    EXPECT_EQ(dm_deactivate_data_call_if_req(none.data(), event), -1);
     up(3, 6, 3);
-    deact = dm_test::words(12, {{0, 3}});
-    EXPECT_EQ(dm_deactivate_data_call_req(deact.data(), event), 0);
+    EXPECT_EQ(dm_deactivate_data_call_req(cid3.data(), event), 0);
+    h.clear();
+    auto resp = std::make_unique<SetupDataCallResp>();
+    resp->active = 1;
+    event_set_id(event, EVENT_DATAMNGR_SETUP_DATA_CALL_REQ);
+    EXPECT_EQ(dm_setup_data_call_resp(resp.get(), event), 0);
     evfw_event_free(event);
+    EXPECT_EQ(logged("[DMGR-ERR] dm_setup_data_call_resp invalid event 4003\n"), 1u);
+    EXPECT_EQ(logged("SETUP DATA CALL"), 0u);
 }
 
 // A query of the IMS manager parked in its slot (state 3, which no flow of
@@ -207,8 +189,7 @@ TEST_F(Pdn, SetupAnswerReplaysAParkedQuery) {
     auto &imsm = h.client("imsm_0");
     h.announce(imsm);
     h.announce_ril();
-    Bytes answer =
-            dm_test::words(47876, {{12, 4}, {16, 1}, {248, 1}, {256, 4}, {260, 4}, {264, 4}});
+    Bytes answer = words(47876, {{12, 4}, {16, 1}, {248, 1}, {256, 4}, {260, 4}, {264, 4}});
     for (bool parked_event : {true, false}) {
         ImsParaSlot *slot = ims_para_slot(4);
         slot->state = kImsSlotQueryParked;
@@ -218,13 +199,13 @@ TEST_F(Pdn, SetupAnswerReplaysAParkedQuery) {
                 parked_event ? evfw_event_alloc(query_task_info_by_name("imsm_0")) : nullptr;
         h.send_bytes(h.ril(), EVENT_DATAMNGR_SETUP_DATA_CALL_RESP, answer);
         h.pump();
-        EXPECT_EQ(slot->state, kImsSlotResponseStored);
-        EXPECT_EQ(slot->parked_req.event, nullptr);
+        EXPECT_EQ(std::tuple(slot->state, slot->parked_req.event),
+                  std::tuple(kImsSlotResponseStored, nullptr));
     }
     // The replay runs before the answer's rows reach the table.
     auto sent = h.sent_to(imsm.id(), EVENT_DATAMNGR_GET_IMS_PDN_RESP);
     ASSERT_EQ(sent.size(), 1u);
-    EXPECT_EQ(dm::testkit::record_of<SetupDataCallResp>(sent[0]).status, 1u);
+    EXPECT_EQ(record_of<SetupDataCallResp>(sent[0]).status, 1u);
     EXPECT_EQ(logged("[DMGR-ERR] dm_get_ims_pdn_req  null PDN\n"), 1u);
     EXPECT_EQ(logged("[DMGR-ERR] dm_setup_data_call_resp interface id 4 parked query without "
                      "event\n"),
@@ -232,7 +213,7 @@ TEST_F(Pdn, SetupAnswerReplaysAParkedQuery) {
     // A pass request starts the slot afresh, releasing a query still parked.
     ims_para_slot(4)->state = kImsSlotQueryParked;
     ims_para_slot(4)->parked_req.event = evfw_event_alloc(nullptr);
-    h.send_bytes(imsm, EVENT_DATAMNGR_PASS_IMS_PDN_REQ, dm_test::words(704, {{656, 1}}));
+    h.send_bytes(imsm, EVENT_DATAMNGR_PASS_IMS_PDN_REQ, words(704, {{656, 1}}));
     h.pump();
     EXPECT_EQ(ims_para_slot(4)->state, kImsSlotParamsPassed);
 }
@@ -266,17 +247,16 @@ class Hooks : public Pdn {
 
 TEST_F(Hooks, ARejectedSetupIsAnsweredThroughTheOwnQueueAsAFailure) {
     g_verdict = 1;
-    Bytes req = dm_test::words(704, {{648, 2}});
+    Bytes req = words(704, {{648, 2}});
     req[700] = 3;
     h.send_bytes(lan, EVENT_DATAMNGR_SETUP_DATA_CALL_REQ, req);
     h.pump();
     EXPECT_EQ(logged("[DMGR-INF] dm_setup_data_call_req operator reject\n"), 1u);
     EXPECT_TRUE(h.sent_to(TASK_RILDPROXY).empty());
-    auto self = h.sent_to(TASK_DATAMNGR, EVENT_DATAMNGR_SETUP_DATA_CALL_RESP);
-    ASSERT_EQ(self.size(), 1u);
+    ASSERT_EQ(h.sent_to(TASK_DATAMNGR, EVENT_DATAMNGR_SETUP_DATA_CALL_RESP).size(), 1u);
     auto to_rb = h.sent_to(TASK_RB_SIM3, EVENT_RB_SETUP_DATA_CALL_CNF);
     ASSERT_EQ(to_rb.size(), 1u);
-    auto answer = dm::testkit::record_of<SetupDataCallResp>(to_rb[0]);
+    auto answer = record_of<SetupDataCallResp>(to_rb[0]);
     EXPECT_EQ(std::tuple(answer.status, answer.active, answer.sim_id, answer.sim_byte),
               std::tuple(1u, 0u, 3u, uint8_t{3}));
     EXPECT_EQ(std::vector<int>(g_calls, g_calls + 2), (std::vector<int>{1, 0}));
@@ -285,8 +265,8 @@ TEST_F(Hooks, ARejectedSetupIsAnsweredThroughTheOwnQueueAsAFailure) {
 TEST_F(Hooks, AnAcceptedSetupGoesOnAndItsSuccessIsShownToTheAnswerHook) {
     g_verdict = 0;
     h.send_bytes(lan, EVENT_DATAMNGR_SETUP_DATA_CALL_REQ, Bytes(704));
-    h.send_bytes(h.ril(), EVENT_DATAMNGR_SETUP_DATA_CALL_RESP, dm_test::words(47876, {{16, 1}}));
-    h.send_bytes(h.ril(), EVENT_DATAMNGR_SETUP_DATA_CALL_RESP, dm_test::words(47876, {{4, 2}}));
+    h.send_bytes(h.ril(), EVENT_DATAMNGR_SETUP_DATA_CALL_RESP, words(47876, {{16, 1}}));
+    h.send_bytes(h.ril(), EVENT_DATAMNGR_SETUP_DATA_CALL_RESP, words(47876, {{4, 2}}));
     h.send_bytes(lan, EVENT_DATAMNGR_DEACTIVATE_DATA_CALL_REQ, Bytes(12));
     h.send_bytes(h.task(TASK_RB_SIM0), EVENT_RB_DEACTIVATE_DATA_CALL_REQ, Bytes(12));
     h.pump();

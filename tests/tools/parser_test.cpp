@@ -5,8 +5,6 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
-#include <string>
-#include <vector>
 
 #include "evfw_ids.h"
 #include "pdn/pdn_info.h"
@@ -33,9 +31,9 @@ TEST(Records, FieldPathsResolveToTheWireOffsets) {
                  {"DedicateBearerInd", "sim_id", 3960, 4, Kind::U32},
                  {"AtCmdResp", "text", 20, 4096, Kind::Text},
                  {"PdnInfo", "owner", offsetof(PdnInfo, owner), sizeof(void *), Kind::Ptr}};
+    FieldRef f;
+    std::string err;
     for (const auto &c : cases) {
-        FieldRef f;
-        std::string err;
         ASSERT_TRUE(resolve_field(*find_record(c.record), c.path, f, err)) << err;
         EXPECT_EQ(std::tuple(f.offset, f.size, f.kind), std::tuple(c.offset, c.size, c.kind))
                 << c.path;
@@ -47,7 +45,6 @@ TEST(Records, FieldPathsResolveToTheWireOffsets) {
             {"calls.2", "is a DataCallEntry record: name one of its fields"},
             {"status.x", "'status' is a u32, not a record"}};
     for (auto [path, error] : bad) {
-        FieldRef f;
         std::string err;
         EXPECT_FALSE(resolve_field(*find_record("SetupDataCallResp"), path, f, err));
         EXPECT_NE(err.find(error), std::string::npos) << err;
