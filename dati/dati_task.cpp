@@ -69,13 +69,13 @@ void refuse(evfw_event_t *request) {
 }  // namespace
 
 const DatiAtcEntry dati_atc_tbl[kDatiAtcRows] = {
-        {"AT+VZWACT", 2, kVzwactParams, dati_vzwact_assign_hdl, dati_vzwact_query_hdl},
-        {"AT+CFUN", 1, kFunParams, dati_cfun_assign_hdl, nullptr},
-        {"AT+EFUN", 1, kFunParams, dati_efun_assign_hdl, nullptr},
-        {"AT+EGTYPE", 1, kEgtypeParams, dati_egtype_assign_hdl, nullptr},
-        {"AT+CGDCONT", 3, kCgdcontParams, dati_cgdcont_assign_hdl, nullptr},
-        {"AT+CGACT", 2, kCgactParams, dati_cgact_assign_hdl, dati_cgact_query_hdl},
-        {"AT@URC", 1, kForgeUrcParams, dati_forge_urc_assign_hdl, nullptr},
+        {{"AT+VZWACT"}, 2, {kVzwactParams}, {dati_vzwact_assign_hdl}, {dati_vzwact_query_hdl}},
+        {{"AT+CFUN"}, 1, {kFunParams}, {dati_cfun_assign_hdl}, {nullptr}},
+        {{"AT+EFUN"}, 1, {kFunParams}, {dati_efun_assign_hdl}, {nullptr}},
+        {{"AT+EGTYPE"}, 1, {kEgtypeParams}, {dati_egtype_assign_hdl}, {nullptr}},
+        {{"AT+CGDCONT"}, 3, {kCgdcontParams}, {dati_cgdcont_assign_hdl}, {nullptr}},
+        {{"AT+CGACT"}, 2, {kCgactParams}, {dati_cgact_assign_hdl}, {dati_cgact_query_hdl}},
+        {{"AT@URC"}, 1, {kForgeUrcParams}, {dati_forge_urc_assign_hdl}, {nullptr}},
 };
 
 namespace dati {

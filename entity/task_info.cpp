@@ -15,18 +15,18 @@ namespace {
 constexpr std::array<TaskInfo, kTaskInfoRows> kInitialRows = {{
         // "imsm_0" stands twice: searches stop at the first match, so row 1
         // is never filled nor found.
-        {"imsm_0", nullptr, kDestExternal, 0, 1},
-        {"imsm_0", nullptr, kDestExternal, 0, 1},
-        {"imsm_1", nullptr, kDestExternal, 0, 1},
-        {"imsm_2", nullptr, kDestExternal, 0, 1},
-        {"imsm_3", nullptr, kDestExternal, 0, 1},
-        {"lanmngr", nullptr, kDestExternal, 0, 0},
-        {"ati", nullptr, kDestLegacy, 0, 1},
-        {"ati1", nullptr, kDestLegacy, 0, 1},
-        {"ati2", nullptr, kDestLegacy, 0, 1},
-        {"ati3", nullptr, kDestLegacy, 0, 1},
-        {"ati4", nullptr, kDestLegacy, 0, 1},
-        {"rildproxy", nullptr, kDestTask, kRildTaskId, 0},
+        {{"imsm_0"}, {nullptr}, kDestExternal, 0, 1},
+        {{"imsm_0"}, {nullptr}, kDestExternal, 0, 1},
+        {{"imsm_1"}, {nullptr}, kDestExternal, 0, 1},
+        {{"imsm_2"}, {nullptr}, kDestExternal, 0, 1},
+        {{"imsm_3"}, {nullptr}, kDestExternal, 0, 1},
+        {{"lanmngr"}, {nullptr}, kDestExternal, 0, 0},
+        {{"ati"}, {nullptr}, kDestLegacy, 0, 1},
+        {{"ati1"}, {nullptr}, kDestLegacy, 0, 1},
+        {{"ati2"}, {nullptr}, kDestLegacy, 0, 1},
+        {{"ati3"}, {nullptr}, kDestLegacy, 0, 1},
+        {{"ati4"}, {nullptr}, kDestLegacy, 0, 1},
+        {{"rildproxy"}, {nullptr}, kDestTask, kRildTaskId, 0},
 }};
 
 constexpr const char *kRildName = "rildproxy";
