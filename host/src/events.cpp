@@ -118,19 +118,8 @@ void unpoison_pooled(evfw_event *ev) {
 }  // namespace
 
 // The store's lock, taken unless the store is used from one thread only.
-class StoreLock {
-  public:
-    explicit StoreLock(EventStore &store) : mu_(store.single() ? nullptr : &store.mu_) {
-        if (mu_ != nullptr) mu_->lock();
-    }
-    ~StoreLock() {
-        if (mu_ != nullptr) mu_->unlock();
-    }
-    StoreLock(const StoreLock &) = delete;
-    StoreLock &operator=(const StoreLock &) = delete;
-
-  private:
-    std::mutex *mu_;
+struct StoreLock : OptionalLock {
+    explicit StoreLock(EventStore &store) : OptionalLock(store.single() ? nullptr : &store.mu_) {}
 };
 
 namespace {

@@ -109,22 +109,22 @@ void reset_faults() {
     for (auto &c : g_faults.failed) c = 0;
 }
 
-bool Runtime::add_fault(std::string_view spec, std::string &error) {
-    const size_t colon = spec.find(':');
-    const std::string_view name = spec.substr(0, colon);
+bool Runtime::add_fault(std::string_view plan, std::string &error) {
+    const size_t colon = plan.find(':');
+    const std::string_view name = plan.substr(0, colon);
     Plan p;
     size_t i = 0;
     while (i < kCalls && name != kNames[i]) ++i;
     if (i == kCalls || colon == std::string_view::npos) {
-        error = "fault plan '" + std::string(spec) + "': expected <call>:<when>, the call one of";
+        error = "fault plan '" + std::string(plan) + "': expected <call>:<when>, the call one of";
         for (const char *n : kNames) error += std::string(" ") + n;
         return false;
     }
     p.call = static_cast<FaultCall>(i);
-    std::string_view when = spec.substr(colon + 1);
+    std::string_view when = plan.substr(colon + 1);
     if (size_t eq = when.find('='); eq != std::string_view::npos) {
         if (p.call != FaultCall::System || !parse_number(when.substr(eq + 1), p.status)) {
-            error = "fault plan '" + std::string(spec) + "': only system takes =<status>";
+            error = "fault plan '" + std::string(plan) + "': only system takes =<status>";
             return false;
         }
         when = when.substr(0, eq);
@@ -142,7 +142,7 @@ bool Runtime::add_fault(std::string_view spec, std::string &error) {
         ok = parse_number(when.substr(0, when.size() - (p.onward ? 1 : 0)), p.nth) && p.nth > 0;
     }
     if (!ok) {
-        error = "fault plan '" + std::string(spec) +
+        error = "fault plan '" + std::string(plan) +
                 "': expected <n>, <n>- or p<probability>[/<seed>] after the call";
         return false;
     }

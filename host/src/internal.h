@@ -91,6 +91,23 @@ void note_log_count(size_t count);
 
 // Allocation, recycling and accounting of events.  Constant-initialised, so
 // it exists before any other static object and outlives all of them.
+// A mutex taken only where more than one thread can be on the path; no
+// mutex (nullptr) means the caller runs on the one thread that pumps.
+class OptionalLock {
+  public:
+    explicit OptionalLock(std::mutex *mu) : mu_(mu) {
+        if (mu_ != nullptr) mu_->lock();
+    }
+    ~OptionalLock() {
+        if (mu_ != nullptr) mu_->unlock();
+    }
+    OptionalLock(const OptionalLock &) = delete;
+    OptionalLock &operator=(const OptionalLock &) = delete;
+
+  private:
+    std::mutex *mu_;
+};
+
 class EventStore {
   public:
     constexpr EventStore() noexcept {}
@@ -171,7 +188,7 @@ class EventStore {
             counter.fetch_add(delta, std::memory_order_relaxed);
         }
     }
-    friend class StoreLock;
+    friend struct StoreLock;
 
     std::atomic<bool> single_{false};
     std::mutex mu_;
@@ -518,19 +535,8 @@ class Core {
     // The lock of the sending and delivery paths: `mu`, taken in threaded
     // mode only.  The deterministic mode runs every send and delivery on the
     // one thread that pumps, so these paths take no lock there.
-    class HotLock {
-      public:
-        explicit HotLock(Core &core) : mu_(core.threaded() ? &core.mu : nullptr) {
-            if (mu_ != nullptr) mu_->lock();
-        }
-        ~HotLock() {
-            if (mu_ != nullptr) mu_->unlock();
-        }
-        HotLock(const HotLock &) = delete;
-        HotLock &operator=(const HotLock &) = delete;
-
-      private:
-        std::mutex *mu_;
+    struct HotLock : OptionalLock {
+        explicit HotLock(Core &core) : OptionalLock(core.threaded() ? &core.mu : nullptr) {}
     };
     // The context of a task id or an external id, or nullptr; task ids below
     // kDirectIds are looked up in a table.

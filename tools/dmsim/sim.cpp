@@ -146,8 +146,8 @@ bool Sim::start(const std::vector<std::string> &clients, std::string &error) {
     rt_.reset(deterministic() ? evfw_host::Mode::Deterministic : evfw_host::Mode::Threaded);
     rt_.set_trace_data(true);
     rt_.set_diag_echo(nullptr);
-    for (const std::string &spec : opt_.faults) {
-        if (!rt_.add_fault(spec, error)) return false;
+    for (const std::string &plan : opt_.faults) {
+        if (!rt_.add_fault(plan, error)) return false;
     }
     if (!load(error)) return false;
 

@@ -272,8 +272,8 @@ class Runtime {
     //   "send:2-"                 the second call and every later one
     //   "recv:p0.25/7"            each call with probability 0.25, seed 7
     //   "system:1=-1"             system() fails with -1 instead of 256
-    // false, with the reason in `error`, for a spec that does not parse.
-    bool add_fault(std::string_view spec, std::string &error);
+    // false, with the reason in `error`, for a plan that does not parse.
+    bool add_fault(std::string_view plan, std::string &error);
     void clear_faults();
     uint64_t calls(FaultCall call) const;   // calls counted (see above)
     uint64_t faults(FaultCall call) const;  // of them, the ones made to fail
