@@ -12,6 +12,14 @@ pid_t rvn_pid = getpid();
 
 namespace evfw_host {
 
+constinit std::atomic<Core *> g_core{nullptr};
+
+Core &make_core() {
+    static Core instance;
+    g_core.store(&instance, std::memory_order_release);
+    return instance;
+}
+
 namespace {
 
 bool accepts(evfw_rx_cond_t cond, const evfw_event *ev, const void *arg, size_t arg_len) {
@@ -54,12 +62,6 @@ evfw_context *Core::make_context_locked(evfw_context::Kind kind, uint32_t id, ui
     if (id < kDirectIds) direct_[id] = p;
     live_ctx.insert(p);
     return p;
-}
-
-evfw_context *Core::task_ctx_locked(const evfw_task_t *task) {
-    if (task == nullptr || task->fw == nullptr) return nullptr;
-    auto *c = static_cast<evfw_context *>(task->fw);
-    return known_live_locked(c) && c->task == task ? c : nullptr;
 }
 
 void Core::start_worker_locked(evfw_context *c) {
@@ -230,7 +232,7 @@ void Core::trace_send_locked(uint32_t from, uint32_t to, const evfw_event *ev, b
 // it when nothing will deliver it.  The event's route is already set.
 void Core::post_locked(uint32_t from, evfw_event *ev, uint32_t to) {
     evfw_context *c = find_ctx_locked(to);
-    if (c != nullptr && !threaded() && !trace_on.load(std::memory_order_relaxed)) {
+    if (c != nullptr && lane()) {
         if (c->kind == evfw_context::Kind::Peer && c->peer_hdl == nullptr) {
             // Untraced, and no handler to run: nothing would ever see it (as
             // in threaded mode).
@@ -290,6 +292,15 @@ int Core::send(evfw_context *from, evfw_event *ev, uint32_t to) {
     HotLock lk(*this);
     if (!known_live_locked(from)) return refuse_send("from a context that does not exist", ev, to);
     return send_locked(from, ev, to);
+}
+
+void Core::send_new(evfw_context *from, evfw_event *ev, uint32_t to) {
+    HotLock lk(*this);
+    if (ev->chnl == 0) {
+        ev->chnl = from->chnl;
+        ev->ext_id = from->ext_id;
+    }
+    post_locked(from->id, ev, to);
 }
 
 int Core::send_locked(evfw_context *from, evfw_event *ev, uint32_t to) {
@@ -728,7 +739,7 @@ void Core::reset(Mode m) {
     reset_diagnostics(true);
     reset_faults();
     wait_ms = 2000;
-    trace_on = true;
+    set_trace(true);
     trace_data = true;
     deliveries_ = 0;
     bad_unlocks_ = 0;

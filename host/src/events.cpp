@@ -134,6 +134,7 @@ bool EventStore::read_pooling() {
     const char *env = getenv("EVFW_HOST_POOL");
     const int p = (env != nullptr && strcmp(env, "0") == 0) ? 0 : 1;
     pooling_.store(p, std::memory_order_relaxed);
+    update_fast();
     return p != 0;
 }
 
@@ -254,13 +255,15 @@ void EventStore::unlink_live_locked(evfw_event *ev) {
 
 evfw_event *EventStore::alloc() {
     evfw_event *ev = nullptr;
-    if (single() && pooling() && (ev = head_) != nullptr) {  // one thread, a pooled event at hand
+    if (fast() && (ev = head_) != nullptr) {  // one thread, a pooled event at hand
         head_ = ev->next;
         if (head_ == nullptr) tail_ = nullptr;
         unpoison_pooled(ev);
+        allocated_.store(allocated_.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
     } else {
         ev = take_slow();
         if (ev == nullptr) return nullptr;
+        count(allocated_, uint64_t{1});
     }
     ev->gen = gen_.load(std::memory_order_relaxed);
     ev->id = 0;
@@ -269,7 +272,6 @@ evfw_event *EventStore::alloc() {
     ev->len = 0;
     ev->next = nullptr;
     ev->state.store(kEventLive, std::memory_order_release);
-    count(allocated_, uint64_t{1});
     return ev;
 }
 
@@ -294,11 +296,11 @@ evfw_event *EventStore::take_slow() {
 void EventStore::release(evfw_event *ev) {
     // One thread, a pooled event of this run with its data inline: straight
     // back to the free list.
-    if (single() && ev->pooled && !has_block(ev) && pooling() &&
+    if (fast() && ev->pooled && !has_block(ev) &&
         ev->state.load(std::memory_order_relaxed) == kEventLive &&
         ev->gen == gen_.load(std::memory_order_relaxed)) {
         ev->state.store(kEventFree, std::memory_order_relaxed);
-        count(freed_, uint64_t{1});
+        freed_.store(freed_.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
         ev->len = 0;
         push_free_locked(ev);
         return;
@@ -370,7 +372,7 @@ void EventStore::new_generation(bool reclaim) {
     freed_ = 0;
     bad_frees_ = 0;
     pooling_.store(-1);
-    if (!pooling()) drain_pool();
+    if (!pooling()) drain_pool();  // re-reads the setting, and with it fast()
 }
 
 evfw_event *event_clone(const evfw_event *src) {

@@ -51,13 +51,18 @@ struct Plan {
 // Constant-initialised and never destroyed: wrapped C library calls may come
 // from any static object's constructor or destructor.
 struct Faults {
-    std::atomic<bool> armed{false};
     std::array<std::atomic<uint64_t>, kCalls> calls{};
     std::array<std::atomic<uint64_t>, kCalls> failed{};
     std::mutex mu;
     std::vector<Plan> *plans = nullptr;
 };
 constinit Faults g_faults;
+
+}  // namespace
+
+constinit std::atomic<bool> g_faults_armed{false};
+
+namespace {
 
 uint64_t next_random(uint64_t &state) {
     uint64_t z = (state += 0x9e3779b97f4a7c15ull);
@@ -74,9 +79,7 @@ bool parse_number(std::string_view text, T &out) {
 
 }  // namespace
 
-bool fault(FaultCall call, int *status) {
-    // Unarmed, a call costs this one load: the hot paths stay as they are.
-    if (!g_faults.armed.load(std::memory_order_acquire)) return false;
+bool fault_armed(FaultCall call, int *status) {
     const size_t i = static_cast<size_t>(call);
     const uint64_t n = g_faults.calls[i].fetch_add(1, std::memory_order_relaxed) + 1;
     bool fail = false;
@@ -104,7 +107,7 @@ bool fault(FaultCall call, int *status) {
 void reset_faults() {
     std::lock_guard lk(g_faults.mu);
     if (g_faults.plans != nullptr) g_faults.plans->clear();
-    g_faults.armed = false;
+    g_faults_armed = false;
     for (auto &c : g_faults.calls) c = 0;
     for (auto &c : g_faults.failed) c = 0;
 }
@@ -148,20 +151,20 @@ bool Runtime::add_fault(std::string_view plan, std::string &error) {
     }
     std::lock_guard lk(g_faults.mu);
     if (g_faults.plans == nullptr) g_faults.plans = new std::vector<Plan>;
-    if (!g_faults.armed) {
+    if (!g_faults_armed) {
         // The first plan starts the count.
         for (auto &c : g_faults.calls) c = 0;
         for (auto &c : g_faults.failed) c = 0;
     }
     g_faults.plans->push_back(p);
-    g_faults.armed = true;
+    g_faults_armed = true;
     return true;
 }
 
 void Runtime::clear_faults() {
     std::lock_guard lk(g_faults.mu);
     if (g_faults.plans != nullptr) g_faults.plans->clear();
-    g_faults.armed = false;
+    g_faults_armed = false;
 }
 
 uint64_t Runtime::calls(FaultCall call) const {

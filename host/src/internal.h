@@ -62,7 +62,12 @@ namespace evfw_host {
 // Counts a call of the entity's to `call` and tells whether a fault plan
 // makes it fail (recorded as a diagnostic).  `status` receives the status a
 // failing system() returns.
-bool fault(FaultCall call, int *status = nullptr);
+extern std::atomic<bool> g_faults_armed;
+bool fault_armed(FaultCall call, int *status);
+// Unarmed, a call costs this one load: the hot paths stay as they are.
+inline bool fault(FaultCall call, int *status = nullptr) {
+    return g_faults_armed.load(std::memory_order_acquire) && fault_armed(call, status);
+}
 void reset_faults();
 
 // EVFW_HOST_KEEP_LOADED=1: shared objects stay mapped until the process ends
@@ -127,7 +132,10 @@ class EventStore {
 
     // The deterministic runtime uses the store from one thread: it then
     // takes no lock and counts with plain loads and stores.
-    void set_single_threaded(bool single) { single_.store(single); }
+    void set_single_threaded(bool single) {
+        single_.store(single);
+        update_fast();
+    }
 
     // Allocated in this generation and not yet freed.
     long live() const { return static_cast<long>(allocated_.load() - freed_.load()); }
@@ -147,6 +155,13 @@ class EventStore {
     bool pooling() {
         const int p = pooling_.load(std::memory_order_relaxed);
         return p >= 0 ? p != 0 : read_pooling();
+    }
+    // One thread and the pool on: alloc() and release() of an event with
+    // its data inline are a list operation and a counter, with no lock.
+    bool fast() const { return fast_.load(std::memory_order_relaxed); }
+    void update_fast() {
+        fast_.store(single() && pooling_.load(std::memory_order_relaxed) == 1,
+                    std::memory_order_relaxed);
     }
     bool read_pooling();
     // alloc() beyond one thread taking a pooled event at hand.
@@ -191,6 +206,7 @@ class EventStore {
     friend struct StoreLock;
 
     std::atomic<bool> single_{false};
+    std::atomic<bool> fast_{false};
     std::mutex mu_;
     evfw_event *live_ = nullptr;    // the live list (events not from the pool)
     evfw_event *head_ = nullptr;    // oldest freed event: reused first, so a
@@ -425,6 +441,10 @@ class Core {
     std::atomic<bool> trace_data{true};
     std::chrono::milliseconds wait_limit() const { return std::chrono::milliseconds(wait_ms); }
     bool threaded() const { return mode.load() == Mode::Threaded; }
+    void set_trace(bool on) {
+        trace_on = on;
+        update_lane();
+    }
 
     void reset(Mode m);
     void new_round();
@@ -439,10 +459,17 @@ class Core {
     void set_peer_handler(evfw_context *ctx, PeerHandler handler);
     const char *client_name(uint32_t ext_id);
     // The live context behind an entity's task object, or nullptr.
-    evfw_context *task_ctx_locked(const evfw_task_t *task);
+    evfw_context *task_ctx_locked(const evfw_task_t *task) {
+        if (task == nullptr || task->fw == nullptr) return nullptr;
+        auto *c = static_cast<evfw_context *>(task->fw);
+        return known_live_locked(c) && c->task == task ? c : nullptr;
+    }
 
     // ---- sending and delivery ----
     int send(evfw_context *from, evfw_event *ev, uint32_t to);
+    // A peer's send of an event it has just allocated and filled: its
+    // context and the event are known live.
+    void send_new(evfw_context *from, evfw_event *ev, uint32_t to);
     // The send once `from` is known live, under the hot lock.
     int send_locked(evfw_context *from, evfw_event *ev, uint32_t to);
     int send_from_task(evfw_task_t *from, evfw_event *ev, uint32_t to, const char *what);
@@ -510,6 +537,13 @@ class Core {
     void reap_graveyard();
     void join_threads();
     void teardown();
+
+    // The untraced deterministic lane: one thread and no trace, so that a
+    // send only appends to the queue and a delivery only calls the receiver.
+    // Follows the mode and the trace switch.
+    bool lane() const { return lane_.load(std::memory_order_relaxed); }
+    void update_lane() { lane_.store(!threaded() && !trace_on.load(), std::memory_order_relaxed); }
+    std::atomic<bool> lane_{false};
 
     // Records a send; only while the trace is on (the callers check).
     void trace_send_locked(uint32_t from, uint32_t to, const evfw_event *ev, bool dropped);
@@ -603,9 +637,13 @@ class Core {
     std::map<std::string, std::string, std::less<>> props_;
 };
 
+// The runtime's one core, made on first use.  Once made it is reached
+// through a plain pointer: every framework call starts here.
+extern std::atomic<Core *> g_core;
+Core &make_core();
 inline Core &core() {
-    static Core instance;
-    return instance;
+    Core *c = g_core.load(std::memory_order_acquire);
+    return c != nullptr ? *c : make_core();
 }
 
 // The entity whose init runs on this thread, if any.

@@ -114,7 +114,7 @@ void Runtime::clear_trace() {
     impl_->core.clear_trace();
 }
 void Runtime::set_trace(bool on) {
-    impl_->core.trace_on = on;
+    impl_->core.set_trace(on);
 }
 void Runtime::set_trace_data(bool keep_bytes) {
     impl_->core.trace_data = keep_bytes;
@@ -214,9 +214,8 @@ int PeerImpl::send_event(evfw_event_t *ev, uint32_t to, uint32_t event_id, const
         return -1;
     }
     // The runtime's own calls: no fault plan applies to a peer.
-    const int r = core().send(ctx_, ev, to);
-    if (r < 0) evfw_event_free(ev);
-    return r;
+    core().send_new(ctx_, ev, to);
+    return 0;
 }
 
 int PeerImpl::send(uint32_t to, uint32_t event_id, const void *data, size_t len) {

@@ -133,6 +133,27 @@ TEST_F(Routing, SendAndWaitTimesOutWhenTheQueueRunsDry) {
     evfw_event_free(notify);
 }
 
+// With the trace off the deterministic runtime takes its untraced lane; the
+// switch goes both ways and the routing stays the same.
+TEST_F(Routing, TraceSwitchedOffAndOnAgainKeepsRoutingAndRecordsOnlyWhileOn) {
+    std::vector<uint32_t> got;
+    at->on_receive([&](Peer &, const Received &in) { got.push_back(in.event_id); });
+    for (bool on : {false, true}) {
+        rt.set_trace(on);
+        ims->send(TASK_ATMNGR, 1, nullptr, 0);
+        ims->send(TASK_RILDPROXY, 2, "x", 1);  // a peer without handler: nothing sees it
+        evfw_task_send_event(&fake.main, make_event(3), TASK_ATMNGR);
+        evfw_task_send_event(&fake.main, make_event(4), 999);
+        EXPECT_EQ(rt.live_events(), on ? 3 : 2) << "trace " << on;
+        rt.pump();
+        EXPECT_EQ(rt.live_events(), 0) << "trace " << on;
+        EXPECT_EQ(rt.trace().size(), on ? 4u : 0u);
+    }
+    EXPECT_EQ(got, (std::vector<uint32_t>{1, 3, 1, 3}));
+    ASSERT_EQ(rt.trace().size(), 4u);
+    EXPECT_TRUE(rt.trace()[3].dropped);
+}
+
 TEST_F(Routing, PrintedTraceShowsRoutesBytesDropsAndDiagnosticsInPlace) {
     evfw_task_send_event(&fake.main, make_event(3002, {1, 2, 0xff}), TASK_ATMNGR);
     evfw_task_send_event(&fake.main, make_event(3002, Bytes(40, 0xaa)), TASK_ATMNGR);
