@@ -228,23 +228,6 @@ void Core::trace_send_locked(uint32_t from, uint32_t to, const evfw_event *ev, b
     trace_.push_back(std::move(e));
 }
 
-// Records the send and hands the event to the destination's queue, or frees
-// it when nothing will deliver it.  The event's route is already set.
-void Core::post_locked(uint32_t from, evfw_event *ev, uint32_t to) {
-    evfw_context *c = find_ctx_locked(to);
-    if (c != nullptr && lane()) {
-        if (c->kind == evfw_context::Kind::Peer && c->peer_hdl == nullptr) {
-            // Untraced, and no handler to run: nothing would ever see it (as
-            // in threaded mode).
-            evfw_event_free(ev);
-            return;
-        }
-        fifo.push_back(Item{from, to, ev});  // the deterministic queue, untraced
-        return;
-    }
-    post_traced_locked(c, from, ev, to);
-}
-
 void Core::post_traced_locked(evfw_context *c, uint32_t from, evfw_event *ev, uint32_t to) {
     if (c == nullptr) {
         if (trace_on.load(std::memory_order_relaxed)) trace_send_locked(from, to, ev, true);
@@ -294,26 +277,20 @@ int Core::send(evfw_context *from, evfw_event *ev, uint32_t to) {
     return send_locked(from, ev, to);
 }
 
-void Core::send_new(evfw_context *from, evfw_event *ev, uint32_t to) {
+void Core::send_new_slow(evfw_context *from, evfw_event *ev, uint32_t to) {
     HotLock lk(*this);
-    if (ev->chnl == 0) {
-        ev->chnl = from->chnl;
-        ev->ext_id = from->ext_id;
-    }
+    route_locked(from, ev);
     post_locked(from->id, ev, to);
 }
 
 int Core::send_locked(evfw_context *from, evfw_event *ev, uint32_t to) {
     if (!event_is_live(ev)) return refuse_send("", ev, to);
-    if (ev->chnl == 0) {
-        ev->chnl = from->chnl;
-        ev->ext_id = from->ext_id;
-    }
+    route_locked(from, ev);
     post_locked(from->id, ev, to);
     return 0;
 }
 
-int Core::send_from_task(evfw_task_t *from, evfw_event *ev, uint32_t to, const char *what) {
+int Core::send_from_task_slow(evfw_task_t *from, evfw_event *ev, uint32_t to, const char *what) {
     if (from == nullptr || ev == nullptr) return -1;
     HotLock lk(*this);
     evfw_context *c = task_ctx_locked(from);
@@ -338,10 +315,7 @@ int Core::bcast(evfw_task_t *from, evfw_event *ev) {
              from->task_id);
         return -1;
     }
-    if (ev->chnl == 0) {
-        ev->chnl = c->chnl;
-        ev->ext_id = c->ext_id;
-    }
+    route_locked(c, ev);
     std::vector<uint32_t> clients;
     for (auto &[id, ctx] : contexts) {
         if (ctx->ext_id != 0) clients.push_back(id);

@@ -62,7 +62,9 @@ namespace evfw_host {
 // Counts a call of the entity's to `call` and tells whether a fault plan
 // makes it fail (recorded as a diagnostic).  `status` receives the status a
 // failing system() returns.
-extern std::atomic<bool> g_faults_armed;
+// Hidden: read inside the runtime only, without the indirection of an
+// exported variable.
+extern std::atomic<bool> g_faults_armed __attribute__((visibility("hidden")));
 bool fault_armed(FaultCall call, int *status);
 // Unarmed, a call costs this one load: the hot paths stay as they are.
 inline bool fault(FaultCall call, int *status = nullptr) {
@@ -276,7 +278,7 @@ class ItemQueue {
     const_iterator begin() const { return {this, 0}; }
     const_iterator end() const { return {this, size_}; }
 
-    void push_back(const Item &item) {
+    __attribute__((always_inline)) void push_back(const Item &item) {
         if (size_ == ring_.size()) grow();
         ++size_;
         (*this)[size_ - 1] = item;
@@ -420,7 +422,8 @@ class PeerImpl final : public Peer {
     std::vector<TraceEntry> received() const override;
 
   private:
-    int send_event(evfw_event_t *ev, uint32_t to, uint32_t event_id, const void *data, size_t len);
+    __attribute__((always_inline)) int send_event(evfw_event_t *ev, uint32_t to, uint32_t event_id,
+                                                  const void *data, size_t len);
 
     evfw_context *ctx_;
     std::string name_;
@@ -469,10 +472,28 @@ class Core {
     int send(evfw_context *from, evfw_event *ev, uint32_t to);
     // A peer's send of an event it has just allocated and filled: its
     // context and the event are known live.
-    void send_new(evfw_context *from, evfw_event *ev, uint32_t to);
+    __attribute__((always_inline)) void send_new(evfw_context *from, evfw_event *ev, uint32_t to) {
+        if (!lane()) return send_new_slow(from, ev, to);
+        route_locked(from, ev);
+        post_locked(from->id, ev, to);
+    }
+    __attribute__((noinline)) void send_new_slow(evfw_context *from, evfw_event *ev, uint32_t to);
     // The send once `from` is known live, under the hot lock.
     int send_locked(evfw_context *from, evfw_event *ev, uint32_t to);
-    int send_from_task(evfw_task_t *from, evfw_event *ev, uint32_t to, const char *what);
+    // A task's send; `what` names the framework call in refusals.
+    __attribute__((always_inline)) int send_from_task(evfw_task_t *from, evfw_event *ev,
+                                                      uint32_t to, const char *what) {
+        evfw_context *c = nullptr;
+        if (lane() && (c = task_ctx_locked(from)) != nullptr && event_is_live(ev)) {
+            route_locked(c, ev);
+            post_locked(c->id, ev, to);
+            return 0;
+        }
+        return send_from_task_slow(from, ev, to, what);
+    }
+    // send_from_task beyond a live task's send of a live event in the lane.
+    __attribute__((noinline)) int send_from_task_slow(evfw_task_t *from, evfw_event *ev,
+                                                      uint32_t to, const char *what);
     int bcast(evfw_task_t *from, evfw_event *ev);
     int send_recv(evfw_task_t *from, evfw_event *ev, uint32_t to, evfw_rx_cond_t cond,
                   const void *arg, size_t arg_len);
@@ -547,7 +568,29 @@ class Core {
 
     // Records a send; only while the trace is on (the callers check).
     void trace_send_locked(uint32_t from, uint32_t to, const evfw_event *ev, bool dropped);
-    void post_locked(uint32_t from, evfw_event *ev, uint32_t to);
+    // An event without a route takes the sender's.
+    static void route_locked(const evfw_context *from, evfw_event *ev) {
+        if (ev->chnl == 0) {
+            ev->chnl = from->chnl;
+            ev->ext_id = from->ext_id;
+        }
+    }
+    // Records the send and hands the event to the destination's queue, or
+    // frees it when nothing will deliver it.  The event's route is set.
+    __attribute__((always_inline)) void post_locked(uint32_t from, evfw_event *ev, uint32_t to) {
+        evfw_context *c = find_ctx_locked(to);
+        if (c != nullptr && lane()) {
+            if (c->kind == evfw_context::Kind::Peer && c->peer_hdl == nullptr) {
+                // Untraced, and no handler to run: nothing would ever see it
+                // (as in threaded mode).
+                event_store().release(ev);
+                return;
+            }
+            fifo.push_back(Item{from, to, ev});
+            return;
+        }
+        post_traced_locked(c, from, ev, to);
+    }
     Delivery prepare_locked(const Item &item);
     void run(Delivery &d);
     // Deterministic mode: delivers `item` on this thread, now.
@@ -639,9 +682,9 @@ class Core {
 
 // The runtime's one core, made on first use.  Once made it is reached
 // through a plain pointer: every framework call starts here.
-extern std::atomic<Core *> g_core;
+extern std::atomic<Core *> g_core __attribute__((visibility("hidden")));
 Core &make_core();
-inline Core &core() {
+__attribute__((always_inline)) inline Core &core() {
     Core *c = g_core.load(std::memory_order_acquire);
     return c != nullptr ? *c : make_core();
 }

@@ -205,8 +205,8 @@ void PeerImpl::on_receive(PeerHandler handler) {
     core().set_peer_handler(ctx_, std::move(handler));
 }
 
-int PeerImpl::send_event(evfw_event_t *ev, uint32_t to, uint32_t event_id, const void *data,
-                         size_t len) {
+inline int PeerImpl::send_event(evfw_event_t *ev, uint32_t to, uint32_t event_id, const void *data,
+                                size_t len) {
     if (ev == nullptr) return -1;
     event_set_id(ev, event_id);
     if (event_set_data(ev, 0, data, len) == nullptr) {
