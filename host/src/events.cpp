@@ -456,6 +456,25 @@ evfw_event_t *event_set_data(evfw_event_t *event, size_t offset, const void *dat
 
 namespace evfw_host {
 
+namespace {
+
+// A new data block of `cap` bytes.  One of a page or more is allocated half
+// a page longer, the slack poisoned under AddressSanitizer: blocks allocated
+// one after the other then start half a page apart within their pages.
+// glibc copies such sizes with `rep movsb`, which some x86 processors run
+// several times slower when source and destination sit at nearly the same
+// offset in their pages, as blocks of one size otherwise do: a 47 KB answer
+// relayed from one block into the next took 19 us instead of 2.3 us.
+uint8_t *new_block(size_t cap) {
+    constexpr size_t kPage = 4096;
+    const size_t slack = cap >= kPage && cap <= SIZE_MAX - kPage ? kPage / 2 : 0;
+    auto *buf = static_cast<uint8_t *>(malloc(cap + slack));
+    if (buf != nullptr) ASAN_POISON_MEMORY_REGION(buf + cap, slack);
+    return buf;
+}
+
+}  // namespace
+
 // Apart from the common case, so that the common case stays a leaf.
 __attribute__((noinline)) evfw_event *set_data_slow(evfw_event *event, size_t offset,
                                                     const void *data, size_t len) {
@@ -468,7 +487,7 @@ __attribute__((noinline)) evfw_event *set_data_slow(evfw_event *event, size_t of
         if (!g_store.take_buffer(end, &buf, &cap)) {
             cap = event->cap;
             while (cap < end) cap = cap > SIZE_MAX / 2 ? end : cap * 2;
-            buf = static_cast<uint8_t *>(malloc(cap));
+            buf = new_block(cap);
             if (buf == nullptr) return nullptr;
         }
         const size_t keep = offset < event->len ? offset : event->len;
