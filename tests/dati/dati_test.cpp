@@ -175,6 +175,24 @@ TEST_F(Dati, MalformedAndOverlongLinesStayInsideTheirEvents) {
     EXPECT_EQ(texts().size(), 6u);
 }
 
+// The exported command table as other modules read it: names, parameter
+// counts and the parameter names the log lines use, in order.
+TEST(DatiTable, RowsNameTheirCommandsAndParameters) {
+    const std::vector<std::vector<std::string>> want = {{"AT+VZWACT", "State", "APN"},
+                                                        {"AT+CFUN", "Fun"},
+                                                        {"AT+EFUN", "Fun"},
+                                                        {"AT+EGTYPE", "Type"},
+                                                        {"AT+CGDCONT", "CID", "PDP Type", "APN"},
+                                                        {"AT+CGACT", "State", "CID"},
+                                                        {"AT@URC", "Content"}};
+    std::vector<std::vector<std::string>> got;
+    for (const DatiAtcEntry &row : dati_atc_tbl) {
+        got.push_back({row.command});
+        for (int32_t i = 0; i < row.param_count; ++i) got.back().push_back(row.param_names[i]);
+    }
+    EXPECT_EQ(got, want);
+}
+
 // Each handler, called straight with a held reply, ends with 0 whatever it
 // did with the reply.
 TEST_F(Dati, HandlersReturnZero) {

@@ -26,7 +26,7 @@ using evfw_host::FaultCall;
 struct FaultCase {
     const char *name;
     FaultCall call;
-    const char *status;  // "=<status>" for system(), else ""
+    const char *nth;  // which call fails: ":<n>", and "=<status>" for system()
     int32_t (*act)(Harness &h);
     int32_t result;
     const char *line, *line2 = nullptr;  // log lines that end so, once each
@@ -64,8 +64,20 @@ uint32_t g_word = 1;
 struct Call {
     static int32_t listen(Harness &) { return dm_run_netlink_listener(); }
     static int32_t notify(Harness &) { return dm_notify_to_imsm(&g_word, 4, 4042, 0); }
+    // Several IMS stacks: the main SIM's property is read second.
+    static int32_t notify_main_sim(Harness &h) {
+        h.rt().set_property("ro.qpx_multiple_ims_support", "1");
+        return dm_notify_to_imsm(&g_word, 4, 4042, 0);
+    }
     static int32_t to_rild(Harness &) {
         return dm_send_to_task(TASK_RILDPROXY, &g_word, 4, nullptr, 4003);
+    }
+    // Before the RIL proxy is up the request would wait; it is dropped, and
+    // not sent instead.
+    static int32_t pending(Harness &h) {
+        const int32_t r = dm_req_to_rild(&g_word, 4, nullptr, 4003);
+        h.pump();
+        return h.rt().trace().empty() ? r : -99;
     }
     static int32_t and_wait(Harness &) {
         return dm_send_to_task_wait_for_event(TASK_ATMNGR, &g_word, 4, nullptr, 3002, 3004);
@@ -85,39 +97,44 @@ int32_t state_set(Harness &h) {
 }
 
 const FaultCase kCases[] = {
-        {"Socket", FaultCall::Socket, "", Call::listen, -1,
+        {"Socket", FaultCall::Socket, ":1", Call::listen, -1,
          "[DMGR-ERR] init_netlink_conn open netlink socket error\n",
          "[DMGR-ERR] dm_run_netlink_listener init netlink socket fail\n"},
-        {"Bind", FaultCall::Bind, "", Call::listen, -1,
+        {"Bind", FaultCall::Bind, ":1", Call::listen, -1,
          "[DMGR-ERR] init_netlink_conn bind netlink socket error\n",
          "[DMGR-ERR] dm_run_netlink_listener init netlink socket fail\n"},
-        {"Send", FaultCall::Send, "", Call::listen, -1, "[DMGR-ERR] send netlink message error\n"},
+        {"Send", FaultCall::Send, ":1", Call::listen, -1,
+         "[DMGR-ERR] send netlink message error\n"},
         // Nothing arrived: the listener reads on.
-        {"Recv", FaultCall::Recv, "", receive, 0,
+        {"Recv", FaultCall::Recv, ":1", receive, 0,
          "[DMGR-ERR] recv_netlink_msg recv fail errno 11\n"},
-        {"IfIndexToName", FaultCall::IfIndexToName, "", no_ra, 0,
+        {"IfIndexToName", FaultCall::IfIndexToName, ":1", no_ra, 0,
          "[DMGR-INF] nl_no_ra_handle no RA message for "},
         // The command's status is logged, never returned.
-        {"SystemStatus", FaultCall::System, "", dns, 0,
+        {"SystemStatus", FaultCall::System, ":1", dns, 0,
          "[DMGR-INF] add dns server & dns, ret = (256)"},
-        {"SystemCannotRun", FaultCall::System, "=-1", dns, 0,
+        {"SystemCannotRun", FaultCall::System, ":1=-1", dns, 0,
          "[DMGR-INF] add dns server & dns, ret = (-1)"},
-        {"Getifaddrs", FaultCall::Getifaddrs, "", global_address, -1,
+        {"Getifaddrs", FaultCall::Getifaddrs, ":1", global_address, -1,
          "[DMGR-ERR] getifaddrs failed"},
-        {"PropertyAbsent", FaultCall::PropertyGet, "", Call::notify, -1,
+        {"PropertyAbsent", FaultCall::PropertyGet, ":1", Call::notify, -1,
          "[DMGR-ERR] rvn_datamngr_set_hdr(): property_get(qpx_multiple_ims_support) error!!"},
-        {"NoEventToSend", FaultCall::EventAlloc, "", Call::to_rild, -1,
+        {"MainSimAbsent", FaultCall::PropertyGet, ":2", Call::notify_main_sim, -1,
+         "[DMGR-ERR] rvn_datamngr_set_hdr(): property_get(simswitch) error!!"},
+        {"NoEventToSend", FaultCall::EventAlloc, ":1", Call::to_rild, -1,
          "[DMGR-ERR] dm_send_to_task no event for event id 4003 to task 202"},
+        {"NoEventToHoldAPendingRequest", FaultCall::EventAlloc, ":1", Call::pending, 0,
+         "[DMGR-ERR] pending event 4003 dropped: no event to hold it"},
         // Refused: the event is released.
-        {"SendRefused", FaultCall::TaskSendEvent, "", Call::to_rild, -1,
+        {"SendRefused", FaultCall::TaskSendEvent, ":1", Call::to_rild, -1,
          "[DMGR-ERR] dm_send_to_task send event task id 202 event id 4003 to rild fail -1"},
         // Sent; the answer never comes.
-        {"WaitGivesUp", FaultCall::TaskSendRecvEvent, "", Call::and_wait, -110,
+        {"WaitGivesUp", FaultCall::TaskSendRecvEvent, ":1", Call::and_wait, -110,
          "[DMGR-ERR] dm_send_to_task_wait_for_event send event task id 302 event id 3002 to "
          "rild fail -110"},
-        {"BroadcastRefused", FaultCall::TaskBcastExtEvent, "", Call::to_clients, -1,
+        {"BroadcastRefused", FaultCall::TaskBcastExtEvent, ":1", Call::to_clients, -1,
          "[DMGR-ERR] dm_resp_to_external_channel send event id 4042 fail -1"},
-        {"ReplyOnTheRequestRefused", FaultCall::ContextCommonSend, "", state_set, 0,
+        {"ReplyOnTheRequestRefused", FaultCall::ContextCommonSend, ":1", state_set, 0,
          "[DMGR-ERR] datamngr_ext_send(): evfw_task_ext_send() error!!",
          "[DMGR-ERR] datamngr_main_hdl(): datamngr_ext_send() error!!"},
 };
@@ -127,8 +144,8 @@ class Faults : public DmTest, public ::testing::WithParamInterface<FaultCase> {}
 TEST_P(Faults, TheRoutineThatSawTheFailureSaysSo) {
     const FaultCase &c = GetParam();
     Runtime &rt = h.rt();
-    // The next call of its kind: the plan starts the count.
-    const std::string plan = std::string(Runtime::fault_call_name(c.call)) + ":1" + c.status;
+    // Counted from here: the plan starts the count.
+    const std::string plan = std::string(Runtime::fault_call_name(c.call)) + c.nth;
     std::string error;
     ASSERT_TRUE(rt.add_fault(plan, error)) << error;
     h.clear();

@@ -22,7 +22,8 @@ std::vector<uint32_t> matrix_ids() {
         dm_expected_length(id, &known);
         if (known) ids.push_back(id);
     }
-    for (uint32_t id : {0u, 4027u, 4070u, 5000u, UINT32_MAX}) ids.push_back(id);
+    // Unknown ids, among them those just outside the ids found by index.
+    for (uint32_t id : {0u, 3999u, 4027u, 4064u, 4070u, 5000u, UINT32_MAX}) ids.push_back(id);
     return ids;
 }
 
