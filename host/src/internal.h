@@ -59,14 +59,14 @@ struct evfw_event {
 
 namespace evfw_host {
 
-// Counts a call of the entity's to `call` and tells whether a fault plan
-// makes it fail (recorded as a diagnostic).  `status` receives the status a
-// failing system() returns.
-// Hidden: read inside the runtime only, without the indirection of an
-// exported variable.
+// Whether a fault plan is armed.  Hidden: read inside the runtime only,
+// without the indirection of an exported variable.
 extern std::atomic<bool> g_faults_armed __attribute__((visibility("hidden")));
 bool fault_armed(FaultCall call, int *status);
-// Unarmed, a call costs this one load: the hot paths stay as they are.
+// Counts a call of the entity's to `call` and tells whether a fault plan
+// makes it fail (recorded as a diagnostic).  `status` receives the status a
+// failing system() returns.  Unarmed, a call costs one load: the hot paths
+// stay as they are.
 inline bool fault(FaultCall call, int *status = nullptr) {
     return g_faults_armed.load(std::memory_order_acquire) && fault_armed(call, status);
 }

@@ -178,6 +178,15 @@ TEST_F(Pdn, HandlersTellWhetherTheyActed) {
     resp->active = 1;
     event_set_id(event, EVENT_DATAMNGR_SETUP_DATA_CALL_REQ);
     EXPECT_EQ(dm_setup_data_call_resp(resp.get(), event), 0);
+    // Nothing to do for a non-IMS interface is no failure; an answer whose
+    // requester is unknown is.
+    auto req = std::make_unique<SetupDataCallReq>();
+    req->interface_id = 6;
+    EXPECT_EQ(dm_add_ims_para(req.get()), 0);
+    auto bearer = std::make_unique<DedicateBearerInd>();
+    bearer->entry.interface_id = 1;
+    EXPECT_EQ(dm_dedicate_bearer_activated_urc(bearer.get(), event), 0);
+    EXPECT_EQ(dm_last_data_call_fail_cause_resp(cid3.data(), event), -1);
     evfw_event_free(event);
     EXPECT_EQ(logged("[DMGR-ERR] dm_setup_data_call_resp invalid event 4003\n"), 1u);
     EXPECT_EQ(logged("SETUP DATA CALL"), 0u);
