@@ -181,6 +181,8 @@ const WalkCase kWalks[] = {
         {"NoRoomForAnAddressMessage",
          [] { return NlBuf().msg({}, NLMSG_DONE).set<uint32_t>(0, 20).upto(20); }, -1, 1, 0,
          "recv_netlink_msg message len 20 type 3 holds no address\n"},
+        {"AddressMessageWithoutAttributes", [] { return NlBuf().msg({}).b; }, -1, 1, 0,
+         "if name = "},
         {"RtaLenBelowAHeader", [] { return usable().set<uint16_t>(kFirstAttr, 3).b; }, -1, 1, 0,
          nullptr},
         {"RtaLenAboveTheSpace", [] { return usable().set<uint16_t>(kFirstAttr, 21).b; }, -1, 1, 0,
