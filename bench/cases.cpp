@@ -415,39 +415,46 @@ void *counted_main_hdl(evfw_task_t *task, evfw_event_t *event, void *entity) {
     return datamngr_main_hdl(task, event, entity);
 }
 
-void run_case(benchmark::State &state, const EventPath &path, bool log_on) {
-    Harness h;
-    dm::testkit::Runtime &rt = h.rt();
-    std::unique_ptr<Flow> flow = path.make();
-    flow->setup(h);
+void one_event(Harness &h, Flow &flow) {
+    flow.send(h);
+    h.pump();
+}
 
-    // One traced run with every line captured proves the path.
+// Sets the flow up and proves it: one traced run with every line captured
+// (its log lines counted into `lines`).  Then the trace and the capture go
+// off and the event pool warms up.  false, with the reason, when the path
+// did not do what it must.
+bool prepare(Harness &h, Flow &flow, bool log_on, size_t &lines, std::string &why) {
+    dm::testkit::Runtime &rt = h.rt();
+    flow.setup(h);
     dm_debug_lv = log_on ? 15 : 0;
     rt.set_trace_data(false);
     h.clear();
-    flow->send(h);
-    h.pump();
-    std::string why;
-    if (!flow->check(h, why)) {
-        flow->teardown(h);
-        state.SkipWithError(why.c_str());
-        return;
+    one_event(h, flow);
+    if (!flow.check(h, why)) {
+        flow.teardown(h);
+        return false;
     }
-    const size_t lines = rt.logs().size();
-
+    lines = rt.logs().size();
     rt.set_trace(false);
     rt.set_log_capture(false);
     h.clear();
-    for (int i = 0; i < kWarmup; ++i) {
-        flow->send(h);
-        h.pump();
+    for (int i = 0; i < kWarmup; ++i) one_event(h, flow);
+    return true;
+}
+
+void run_case(benchmark::State &state, const EventPath &path, bool log_on) {
+    Harness h;
+    std::unique_ptr<Flow> flow = path.make();
+    size_t lines = 0;
+    std::string why;
+    if (!prepare(h, *flow, log_on, lines, why)) {
+        state.SkipWithError(why.c_str());
+        return;
     }
 
     const uint64_t allocs_before = allocations();
-    for (auto _ : state) {
-        flow->send(h);
-        h.pump();
-    }
+    for (auto _ : state) one_event(h, *flow);
     const uint64_t allocs = allocations() - allocs_before;
 
     // Untimed: the main handler's own allocations (the AT command interface's
@@ -455,10 +462,7 @@ void run_case(benchmark::State &state, const EventPath &path, bool log_on) {
     DatamngrEntity *entity = h.entity();
     entity->main_task.set_hdl(&entity->main_task, counted_main_hdl, entity);
     const uint64_t in_handler_before = allocations_in_handlers();
-    for (int i = 0; i < kHandlerCountRuns; ++i) {
-        flow->send(h);
-        h.pump();
-    }
+    for (int i = 0; i < kHandlerCountRuns; ++i) one_event(h, *flow);
     const uint64_t in_handler = allocations_in_handlers() - in_handler_before;
 
     flow->teardown(h);
@@ -512,25 +516,16 @@ void count_window(const std::string &name, int iterations, Fn one) {
 void count_case(const EventPath &path, bool log_on, int iterations) {
     Harness h;
     std::unique_ptr<Flow> flow = path.make();
-    flow->setup(h);
-    dm_debug_lv = log_on ? 15 : 0;
-    h.clear();
-    flow->send(h);
-    h.pump();
-    const size_t lines = h.logs().size();
-    h.rt().set_trace(false);
-    h.rt().set_log_capture(false);
-    for (int i = 0; i < kWarmup; ++i) {
-        flow->send(h);
-        h.pump();
+    size_t lines = 0;
+    std::string why;
+    if (!prepare(h, *flow, log_on, lines, why)) {
+        std::fprintf(stderr, "%s: not counted: %s\n", path.name, why.c_str());
+        return;
     }
     // The window's name carries the event's log lines, for the report.
     count_window(std::string(path.name) + (log_on ? "/log_on" : "/log_off") +
                          " lines=" + std::to_string(lines),
-                 iterations, [&] {
-                     flow->send(h);
-                     h.pump();
-                 });
+                 iterations, [&] { one_event(h, *flow); });
     flow->teardown(h);
 }
 

@@ -213,6 +213,7 @@ void Core::set_peer_handler(evfw_context *c, PeerHandler handler) {
 // ---- sending ----------------------------------------------------------------------
 
 void Core::trace_send_locked(uint32_t from, uint32_t to, const evfw_event *ev, bool dropped) {
+    if (!trace_on.load(std::memory_order_relaxed)) return;
     TraceEntry e;
     e.from = from;
     e.to = to;
@@ -230,11 +231,11 @@ void Core::trace_send_locked(uint32_t from, uint32_t to, const evfw_event *ev, b
 
 void Core::post_traced_locked(evfw_context *c, uint32_t from, evfw_event *ev, uint32_t to) {
     if (c == nullptr) {
-        if (trace_on.load(std::memory_order_relaxed)) trace_send_locked(from, to, ev, true);
+        trace_send_locked(from, to, ev, true);
         evfw_event_free(ev);
         return;
     }
-    if (trace_on.load(std::memory_order_relaxed)) trace_send_locked(from, to, ev, false);
+    trace_send_locked(from, to, ev, false);
     if (!threaded()) {
         fifo.push_back(Item{from, to, ev});
         return;
@@ -320,9 +321,7 @@ int Core::bcast(evfw_task_t *from, evfw_event *ev) {
     for (auto &[id, ctx] : contexts) {
         if (ctx->ext_id != 0) clients.push_back(id);
     }
-    if (clients.empty() && trace_on.load(std::memory_order_relaxed)) {
-        trace_send_locked(c->id, 0, ev, true);
-    }
+    if (clients.empty()) trace_send_locked(c->id, 0, ev, true);
     for (uint32_t to : clients) {
         evfw_event *copy = event_clone(ev);
         if (copy == nullptr) {
@@ -390,26 +389,14 @@ void Core::run(Delivery &d) {
             evfw_event_free(ev);
             break;
     }
-    if (threaded()) {
-        deliveries_.fetch_add(1, std::memory_order_relaxed);
-    } else {
-        deliveries_.store(deliveries_.load(std::memory_order_relaxed) + 1,
-                          std::memory_order_relaxed);
-    }
+    add_to(deliveries_, uint64_t{1}, !threaded());
 }
 
 bool Core::waiting_locked(uint32_t task_id) const {
     return std::find(waiting.begin(), waiting.end(), task_id) != waiting.end();
 }
 
-// The first queued item not addressed to a task blocked in send-and-wait.
-bool Core::pop_deliverable_locked(Item &out) {
-    if (waiting.empty()) {  // nobody waits: the front
-        if (fifo.empty()) return false;
-        out = fifo.front();
-        fifo.pop_front();
-        return true;
-    }
+bool Core::pop_past_waiting_locked(Item &out) {
     for (size_t i = 0; i < fifo.size(); ++i) {
         if (!waiting_locked(fifo[i].to)) {
             out = fifo[i];
@@ -428,18 +415,7 @@ size_t Core::pump() {
     }
     // One thread, no lock: each item goes straight to its receiver.
     size_t n = 0;
-    for (;;) {
-        Item item;
-        if (waiting.empty()) {
-            if (fifo.empty()) break;
-            item = fifo.front();
-            fifo.pop_front();
-        } else if (!pop_deliverable_locked(item)) {
-            break;
-        }
-        deliver_now(item);
-        ++n;
-    }
+    for (Item item; pop_deliverable_locked(item); ++n) deliver_now(item);
     return n;
 }
 
@@ -458,7 +434,7 @@ void Core::deliver_now(const Item &item) {
     } else {
         evfw_event_free(ev);
     }
-    deliveries_.store(deliveries_.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+    add_to(deliveries_, uint64_t{1}, true);
 }
 
 void Core::deliver_to_peer(evfw_context *c, const Item &item) {

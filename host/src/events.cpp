@@ -141,11 +141,8 @@ bool EventStore::read_pooling() {
 // The free list and the stashed buffers are dropped; the chunks stay, with
 // whatever events of theirs are still live.
 void EventStore::drain_pool() {
-    {
-        StoreLock lk(*this);
-        head_ = tail_ = nullptr;
-    }
     StoreLock lk(*this);
+    head_ = tail_ = nullptr;
     for (BufferClass &c : classes_) {
         while (c.count > 0) free(c.bufs[--c.count]);
     }
@@ -187,6 +184,14 @@ void EventStore::push_free_locked(evfw_event *ev) {
         head_ = ev;
     }
     tail_ = ev;
+}
+
+evfw_event *EventStore::pop_free_locked() {
+    evfw_event *ev = head_;
+    head_ = ev->next;
+    if (head_ == nullptr) tail_ = nullptr;
+    unpoison_pooled(ev);
+    return ev;
 }
 
 namespace {
@@ -255,16 +260,13 @@ void EventStore::unlink_live_locked(evfw_event *ev) {
 
 evfw_event *EventStore::alloc() {
     evfw_event *ev = nullptr;
-    if (fast() && (ev = head_) != nullptr) {  // one thread, a pooled event at hand
-        head_ = ev->next;
-        if (head_ == nullptr) tail_ = nullptr;
-        unpoison_pooled(ev);
-        allocated_.store(allocated_.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+    if (fast() && head_ != nullptr) {  // one thread, a pooled event at hand
+        ev = pop_free_locked();
     } else {
         ev = take_slow();
         if (ev == nullptr) return nullptr;
-        count(allocated_, uint64_t{1});
     }
+    add_to(allocated_, uint64_t{1}, single());
     ev->gen = gen_.load(std::memory_order_relaxed);
     ev->id = 0;
     ev->chnl = 0;
@@ -280,10 +282,7 @@ evfw_event *EventStore::take_slow() {
     if (pooling()) {
         StoreLock lk(*this);
         if (head_ == nullptr && !grow_locked()) return nullptr;
-        ev = head_;
-        head_ = ev->next;
-        if (head_ == nullptr) tail_ = nullptr;
-        unpoison_pooled(ev);
+        ev = pop_free_locked();
     } else {
         ev = new (std::nothrow) evfw_event;
         if (ev == nullptr) return nullptr;
@@ -300,7 +299,7 @@ void EventStore::release(evfw_event *ev) {
         ev->state.load(std::memory_order_relaxed) == kEventLive &&
         ev->gen == gen_.load(std::memory_order_relaxed)) {
         ev->state.store(kEventFree, std::memory_order_relaxed);
-        freed_.store(freed_.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+        add_to(freed_, uint64_t{1}, true);
         ev->len = 0;
         push_free_locked(ev);
         return;
@@ -325,7 +324,7 @@ void EventStore::release_slow(evfw_event *ev) {
         return;
     }
     if (ev->gen == gen_.load(std::memory_order_relaxed)) {
-        count(freed_, uint64_t{1});
+        add_to(freed_, uint64_t{1}, single());
     }
     if (!ev->pooled) {
         {

@@ -96,6 +96,17 @@ void note_trace_seq(uint64_t seq);
 // The number of log lines captured so far, for Diagnostic::after_log.
 void note_log_count(size_t count);
 
+// Adds to a counter: with a plain load and store where one thread owns it,
+// else atomically.
+template <class T>
+void add_to(std::atomic<T> &counter, T delta, bool one_thread) {
+    if (one_thread) {
+        counter.store(counter.load(std::memory_order_relaxed) + delta, std::memory_order_relaxed);
+    } else {
+        counter.fetch_add(delta, std::memory_order_relaxed);
+    }
+}
+
 // Allocation, recycling and accounting of events.  Constant-initialised, so
 // it exists before any other static object and outlives all of them.
 // A mutex taken only where more than one thread can be on the path; no
@@ -174,6 +185,8 @@ class EventStore {
     // A new chunk of pooled events onto the free list; false without memory.
     bool grow_locked();
     void push_free_locked(evfw_event *ev);
+    // The oldest event of the free list, which is not empty.
+    evfw_event *pop_free_locked();
 
     // Pooled events come in chunks, kept to the end of the process: the
     // free list runs through them, and a reclaim walks them.
@@ -196,15 +209,6 @@ class EventStore {
     void link_live_locked(evfw_event *ev);
     void unlink_live_locked(evfw_event *ev);
     bool single() const { return single_.load(std::memory_order_relaxed); }
-    template <class T>
-    void count(std::atomic<T> &counter, T delta) {
-        if (single()) {
-            counter.store(counter.load(std::memory_order_relaxed) + delta,
-                          std::memory_order_relaxed);
-        } else {
-            counter.fetch_add(delta, std::memory_order_relaxed);
-        }
-    }
     friend struct StoreLock;
 
     std::atomic<bool> single_{false};
@@ -566,7 +570,7 @@ class Core {
     void update_lane() { lane_.store(!threaded() && !trace_on.load(), std::memory_order_relaxed); }
     std::atomic<bool> lane_{false};
 
-    // Records a send; only while the trace is on (the callers check).
+    // Records a send while the trace is on.
     void trace_send_locked(uint32_t from, uint32_t to, const evfw_event *ev, bool dropped);
     // An event without a route takes the sender's.
     static void route_locked(const evfw_context *from, evfw_event *ev) {
@@ -599,7 +603,15 @@ class Core {
     // post_locked beyond the untraced deterministic queue.
     __attribute__((noinline)) void post_traced_locked(evfw_context *c, uint32_t from,
                                                       evfw_event *ev, uint32_t to);
-    bool pop_deliverable_locked(Item &out);
+    // The first queued item not addressed to a task blocked in send-and-wait.
+    bool pop_deliverable_locked(Item &out) {
+        if (!waiting.empty()) return pop_past_waiting_locked(out);
+        if (fifo.empty()) return false;
+        out = fifo.front();
+        fifo.pop_front();
+        return true;
+    }
+    bool pop_past_waiting_locked(Item &out);
     bool waiting_locked(uint32_t task_id) const;
     int send_recv_deterministic(evfw_task_t *from, evfw_event *ev, uint32_t to, evfw_rx_cond_t cond,
                                 const void *arg, size_t arg_len);
