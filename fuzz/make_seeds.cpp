@@ -17,12 +17,12 @@
 
 #include "dati/dati.h"
 #include "fuzz/fuzz.h"
-#include "tools/dmsim/scenario.h"
+#include "sim/scenario.h"
 
 namespace {
 
 using namespace dm::fuzz;
-using dmsim::Op;
+using dm::sim::Op;
 using Bytes = std::vector<uint8_t>;
 
 struct Writer {
@@ -36,7 +36,7 @@ struct Writer {
     }
 };
 
-uint8_t sender_of(const dmsim::PeerRef &p) {
+uint8_t sender_of(const dm::sim::PeerRef &p) {
     if (p.task_id == TASK_RILDPROXY) return 0;
     if (p.client == "imsm_0") return 1;
     if (p.client.starts_with("imsm_")) return 2;
@@ -90,7 +90,7 @@ void save_cut(const std::filesystem::path &dir, const std::string &name, uint8_t
     }
 }
 
-void seeds_of(const dmsim::Scenario &sc, const std::filesystem::path &out,
+void seeds_of(const dm::sim::Scenario &sc, const std::filesystem::path &out,
               const std::string &name) {
     uint8_t flags = kAnnounceRil | kAnnounceClients;
     std::vector<Bytes> events, at;
@@ -104,7 +104,7 @@ void seeds_of(const dmsim::Scenario &sc, const std::filesystem::path &out,
         urc.u32(0).u32(0).bytes(text.data(), text.size());
         save(out / "urc", name + "-" + std::to_string(++urcs), urc.out);
     };
-    for (const dmsim::Step &s : sc.steps) {
+    for (const dm::sim::Step &s : sc.steps) {
         if (s.op == Op::RilAuto) flags |= kRilAnswers;
         if (s.op == Op::Property) {
             const bool on = s.value == "1";
@@ -158,9 +158,9 @@ int main(int argc, char **argv) {
     }
     const std::filesystem::path out = argv[1];
     for (int i = 2; i < argc; ++i) {
-        dmsim::Scenario sc;
+        dm::sim::Scenario sc;
         std::string error;
-        if (!dmsim::parse_scenario_file(argv[i], sc, error)) {
+        if (!dm::sim::parse_scenario_file(argv[i], sc, error)) {
             std::fprintf(stderr, "make_seeds: %s\n", error.c_str());
             return 1;
         }

@@ -14,33 +14,33 @@
 #include "entity/datamngr.h"
 #include "pdn/pdn_info.h"
 #include "testkit/testkit.h"
-#include "tools/dmsim/netns.h"
-#include "tools/dmsim/sim.h"
+#include "sim/netns.h"
+#include "sim/sim.h"
 
 namespace {
 
 constexpr int kSkipped = 77;  // CTest's SKIP_RETURN_CODE
 
 int run_table(const char *path) {
-    dmsim::Scenario sc;
+    dm::sim::Scenario sc;
     std::string error;
-    if (!dmsim::parse_scenario_file(path, sc, error)) {
+    if (!dm::sim::parse_scenario_file(path, sc, error)) {
         std::fprintf(stderr, "%s\n", error.c_str());
-        return dmsim::kExitUsage;
+        return dm::sim::kExitUsage;
     }
     if (!sc.ifaces.empty()) {
-        dmsim::NetnsResult r = dmsim::enter_netns(sc.ifaces, error);
-        if (r != dmsim::NetnsResult::kOk) {
+        dm::sim::NetnsResult r = dm::sim::enter_netns(sc.ifaces, error);
+        if (r != dm::sim::NetnsResult::kOk) {
             std::printf("%s: %s\n", path, error.c_str());
-            return r == dmsim::NetnsResult::kUnprivileged ? kSkipped : dmsim::kExitEnv;
+            return r == dm::sim::NetnsResult::kUnprivileged ? kSkipped : dm::sim::kExitEnv;
         }
     }
-    dmsim::Options options;
+    dm::sim::Options options;
     options.linked = &dm_test::linked_library();
-    options.final_check = [](dmsim::Sim &) { return dm_test::closing_problems(); };
+    options.final_check = [](dm::sim::Sim &) { return dm_test::closing_problems(); };
     dm::testkit::reset_library_state();
     dm_test::fake_clock::reset();
-    const int rc = dmsim::run_scenario(sc, options, stdout);
+    const int rc = dm::sim::run_scenario(sc, options, stdout);
     dm::testkit::reset_library_state();
     return rc;
 }
@@ -49,8 +49,8 @@ int run_table(const char *path) {
 
 namespace dm_test {
 
-const dmsim::EntityLinks &linked_library() {
-    static const dmsim::EntityLinks links = {datamngr_entity_init,   datamngr_entity_exit,
+const dm::sim::EntityLinks &linked_library() {
+    static const dm::sim::EntityLinks links = {datamngr_entity_init,   datamngr_entity_exit,
                                              datamngr_dati_task_hdl, dati_setup_data_call_resp,
                                              dati_fail_resp,         dati_radio_power_resp,
                                              dati_allow_data_resp,   find_pdn_info_by_index};

@@ -19,7 +19,7 @@
 #include "common/seams.h"
 #include "common/tables.h"
 #include "testkit/testkit.h"
-#include "tools/dmsim/netns.h"
+#include "sim/netns.h"
 
 namespace dm_test {
 namespace {
@@ -65,25 +65,25 @@ std::string unlogged_failure(const Runtime &rt) {
 }
 
 struct Fresh {
-    dmsim::Scenario ready, request, both;
+    dm::sim::Scenario ready, request, both;
 };
 
-std::string serve_fresh(dmsim::Sim &sim, const Fresh &fresh, FILE *sink) {
-    sim.script([](dmsim::RilScript &r) { r = dmsim::RilScript{}; });
-    dmsim::run_steps(sim, fresh.ready, false, sink);
+std::string serve_fresh(dm::sim::Sim &sim, const Fresh &fresh, FILE *sink) {
+    sim.script([](dm::sim::RilScript &r) { r = dm::sim::RilScript{}; });
+    dm::sim::run_steps(sim, fresh.ready, false, sink);
     sim.consume_all();
-    if (dmsim::run_steps(sim, fresh.request, false, sink).failed != 0)
+    if (dm::sim::run_steps(sim, fresh.request, false, sink).failed != 0)
         return "the entity no longer serves a fresh setup; ";
     return closing_problems();
 }
 
-Outcome run_once(const dmsim::Scenario &sc, FaultCall call, uint64_t nth, const Fresh &fresh,
+Outcome run_once(const dm::sim::Scenario &sc, FaultCall call, uint64_t nth, const Fresh &fresh,
                  FILE *sink) {
     Outcome o;
-    dmsim::Options opt;
+    dm::sim::Options opt;
     opt.linked = &linked_library();
     opt.faults = {Runtime::fault_call_name(call) + (":" + std::to_string(nth))};
-    opt.final_check = [&](dmsim::Sim &sim) {
+    opt.final_check = [&](dm::sim::Sim &sim) {
         Runtime &rt = sim.rt();
         o.reached = rt.faults(call) != 0;
         if (o.reached && logs_error(call)) o.problems += unlogged_failure(rt);
@@ -94,13 +94,13 @@ Outcome run_once(const dmsim::Scenario &sc, FaultCall call, uint64_t nth, const 
     };
     dm::testkit::reset_library_state();
     fake_clock::reset();
-    o.held = dmsim::run_scenario(sc, opt, sink) == dmsim::kExitPass;
+    o.held = dm::sim::run_scenario(sc, opt, sink) == dm::sim::kExitPass;
     if (o.reached && at_init(call)) {
-        dmsim::Options again;
+        dm::sim::Options again;
         again.linked = &linked_library();
-        again.final_check = [](dmsim::Sim &) { return closing_problems(); };
+        again.final_check = [](dm::sim::Sim &) { return closing_problems(); };
         dm::testkit::reset_library_state();
-        if (dmsim::run_scenario(fresh.both, again, sink) != dmsim::kExitPass)
+        if (dm::sim::run_scenario(fresh.both, again, sink) != dm::sim::kExitPass)
             o.problems += "a fresh load does not serve a setup; ";
     }
     if (!o.reached && !o.held) o.problems += "the scenario fails without a failed call; ";
@@ -121,32 +121,32 @@ int run_sweep(int argc, char **argv) {
     std::string error;
     Fresh fresh;
     const std::string both = std::string(kPeersReady) + kFreshRequest;
-    if (sink == nullptr || !dmsim::parse_scenario("peers ready", kPeersReady, fresh.ready, error) ||
-        !dmsim::parse_scenario("fresh request", kFreshRequest, fresh.request, error) ||
-        !dmsim::parse_scenario("fresh load", both, fresh.both, error)) {
+    if (sink == nullptr || !dm::sim::parse_scenario("peers ready", kPeersReady, fresh.ready, error) ||
+        !dm::sim::parse_scenario("fresh request", kFreshRequest, fresh.request, error) ||
+        !dm::sim::parse_scenario("fresh load", both, fresh.both, error)) {
         std::fprintf(stderr, "fault sweep: %s\n", error.c_str());
-        return dmsim::kExitEnv;
+        return dm::sim::kExitEnv;
     }
     Tally per_call[kCalls];
     int scenarios = 0, skipped = 0;
     for (int i = 2; i < argc; ++i) {
-        dmsim::Scenario sc;
-        if (!dmsim::parse_scenario_file(argv[i], sc, error)) {
+        dm::sim::Scenario sc;
+        if (!dm::sim::parse_scenario_file(argv[i], sc, error)) {
             std::fprintf(stderr, "%s\n", error.c_str());
-            return dmsim::kExitUsage;
+            return dm::sim::kExitUsage;
         }
         // Each scenario in a namespace of its own where possible, so that
         // none sees the interfaces of the one before.
         if (!sc.ifaces.empty() || geteuid() == 0) {
-            const dmsim::NetnsResult r = dmsim::enter_netns(sc.ifaces, error);
-            if (r == dmsim::NetnsResult::kUnprivileged) {
+            const dm::sim::NetnsResult r = dm::sim::enter_netns(sc.ifaces, error);
+            if (r == dm::sim::NetnsResult::kUnprivileged) {
                 std::printf("%s skipped: %s\n", argv[i], error.c_str());
                 ++skipped;
                 continue;
             }
-            if (r != dmsim::NetnsResult::kOk) {
+            if (r != dm::sim::NetnsResult::kOk) {
                 std::fprintf(stderr, "%s: %s\n", argv[i], error.c_str());
-                return dmsim::kExitEnv;
+                return dm::sim::kExitEnv;
             }
         }
         ++scenarios;

@@ -3,12 +3,12 @@
 #ifndef TESTS_COMMON_TABLES_H
 #define TESTS_COMMON_TABLES_H
 
-#include "tools/dmsim/sim.h"
+#include "sim/sim.h"
 
 namespace dm_test {
 
 // The library's entry points as linked into this program.
-const dmsim::EntityLinks &linked_library();
+const dm::sim::EntityLinks &linked_library();
 // What a run leaves wrong: events unaccounted for, events freed twice, the
 // dispatcher's event kept, getifaddrs lists not freed.  Empty when nothing.
 std::string closing_problems();

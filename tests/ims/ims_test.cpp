@@ -12,7 +12,7 @@
 #include "ims/ims_pdn.h"
 #include "ims/ipv6_addr.h"
 #include "ims/netlink_listener.h"
-#include "tools/dmsim/netns.h"
+#include "sim/netns.h"
 
 namespace {
 
@@ -269,8 +269,8 @@ TEST_F(Ims, ListenRequestRunsTheListenerUntilItEnds) {
 // A real dump from the kernel, in a namespace of the test's own.
 TEST_F(Ims, RealDumpLogsEveryAddressAndTheFirstUsablePrefixBlankPadded) {
     std::string why;
-    dmsim::IfaceDecl pdnet4{0, "pdnet4", {{"2001:db8:1:2::5", 64}}};
-    if (dmsim::enter_netns({pdnet4}, why) != dmsim::NetnsResult::kOk) GTEST_SKIP() << why;
+    dm::sim::IfaceDecl pdnet4{0, "pdnet4", {{"2001:db8:1:2::5", 64}}};
+    if (dm::sim::enter_netns({pdnet4}, why) != dm::sim::NetnsResult::kOk) GTEST_SKIP() << why;
     const int sock = init_netlink_conn();
     ASSERT_GE(sock, 0);
     timeval limit = {5, 0};  // a missing reply fails the test instead of hanging it

@@ -8,6 +8,8 @@
 
 namespace dmsim {
 
+using namespace dm::sim;
+
 namespace {
 
 std::string_view trim(std::string_view s) {

@@ -6,12 +6,12 @@
 #include <cstdio>
 #include <istream>
 
-#include "tools/dmsim/sim.h"
+#include "sim/sim.h"
 
 namespace dmsim {
 
 // Reads AT lines from `in` until its end or "!quit"; the exit status.
-int run_console(const Options &options, std::istream &in, bool interactive, FILE *out);
+int run_console(const dm::sim::Options &options, std::istream &in, bool interactive, FILE *out);
 
 }  // namespace dmsim
 

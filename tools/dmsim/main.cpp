@@ -13,11 +13,11 @@
 #include <string>
 #include <vector>
 
+#include "sim/netns.h"
+#include "sim/records.h"
+#include "sim/scenario.h"
+#include "sim/sim.h"
 #include "tools/dmsim/console.h"
-#include "tools/dmsim/netns.h"
-#include "tools/dmsim/records.h"
-#include "tools/dmsim/scenario.h"
-#include "tools/dmsim/sim.h"
 
 #ifndef DMSIM_DEFAULT_LIB
 #define DMSIM_DEFAULT_LIB "librvn_datamngr.so"
@@ -25,7 +25,8 @@
 
 namespace {
 
-using namespace dmsim;
+using namespace dm::sim;
+using dmsim::run_console;
 
 constexpr const char *kUsage =
         "usage: dmsim [options] run [--netns] [--repeat N] SCENARIO...\n"

@@ -1,8 +1,8 @@
 // The simulator: the data manager loaded by path into the threaded host
 // runtime, with its peers around it (the RIL proxy, the IMS managers, the
 // AT interface, the modem's AT manager, RB), driven step by step.
-#ifndef DMSIM_SIM_H
-#define DMSIM_SIM_H
+#ifndef DM_SIM_SIM_H
+#define DM_SIM_SIM_H
 
 #include <atomic>
 #include <chrono>
@@ -18,11 +18,11 @@
 #include <vector>
 
 #include "evfw_host/runtime.h"
-#include "tools/dmsim/scenario.h"
+#include "sim/scenario.h"
 
 struct PdnInfo;
 
-namespace dmsim {
+namespace dm::sim {
 
 // Exit statuses of dmsim.
 enum Exit : int {
@@ -180,6 +180,6 @@ StepResult run_steps(Sim &sim, const Scenario &sc, bool log, FILE *out);
 bool write_diagram(const std::vector<evfw_host::TraceEntry> &trace, const std::string &title,
                    const std::string &path, std::string &error);
 
-}  // namespace dmsim
+}  // namespace dm::sim
 
-#endif  // DMSIM_SIM_H
+#endif  // DM_SIM_SIM_H

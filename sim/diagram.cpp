@@ -6,9 +6,9 @@
 #include <string>
 #include <vector>
 
-#include "tools/dmsim/sim.h"
+#include "sim/sim.h"
 
-namespace dmsim {
+namespace dm::sim {
 
 namespace {
 
@@ -64,4 +64,4 @@ bool write_diagram(const std::vector<evfw_host::TraceEntry> &trace, const std::s
     return ok;
 }
 
-}  // namespace dmsim
+}  // namespace dm::sim

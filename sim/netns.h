@@ -1,15 +1,15 @@
 // A private network namespace for a run, with the data interfaces that the
 // scenario declares (veth pdnetN with its IPv6 addresses), so that the data
 // manager's IPv6 completion finds real addresses on them.
-#ifndef DMSIM_NETNS_H
-#define DMSIM_NETNS_H
+#ifndef DM_SIM_NETNS_H
+#define DM_SIM_NETNS_H
 
 #include <string>
 #include <vector>
 
-#include "tools/dmsim/scenario.h"
+#include "sim/scenario.h"
 
-namespace dmsim {
+namespace dm::sim {
 
 enum class NetnsResult { kOk, kUnprivileged, kFailed };
 
@@ -17,6 +17,6 @@ enum class NetnsResult { kOk, kUnprivileged, kFailed };
 // network namespace and creates the interfaces there.
 NetnsResult enter_netns(const std::vector<IfaceDecl> &ifaces, std::string &error);
 
-}  // namespace dmsim
+}  // namespace dm::sim
 
-#endif  // DMSIM_NETNS_H
+#endif  // DM_SIM_NETNS_H

@@ -1,4 +1,4 @@
-#include "tools/dmsim/scenario.h"
+#include "sim/scenario.h"
 
 #include <arpa/inet.h>
 
@@ -11,7 +11,7 @@
 #include "evfw.h"
 #include "evfw_ids.h"
 
-namespace dmsim {
+namespace dm::sim {
 
 namespace {
 
@@ -688,4 +688,4 @@ bool parse_scenario_file(const std::string &path, Scenario &out, std::string &er
     return parse_scenario(path, ss.str(), out, error);
 }
 
-}  // namespace dmsim
+}  // namespace dm::sim

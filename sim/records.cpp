@@ -1,4 +1,4 @@
-#include "tools/dmsim/records.h"
+#include "sim/records.h"
 
 #include <arpa/inet.h>
 
@@ -16,7 +16,7 @@
 #include "pdn/pdn_info.h"
 #include "pdn/pdn_records.h"
 
-namespace dmsim {
+namespace dm::sim {
 
 namespace {
 
@@ -706,4 +706,4 @@ std::string escape(std::string_view text) {
     return out;
 }
 
-}  // namespace dmsim
+}  // namespace dm::sim

@@ -4,17 +4,17 @@
 // what the data manager logs.  The format is described in
 // scenarios/README.md; the parser is strict: every error names the file,
 // the line and what was expected there.
-#ifndef DMSIM_SCENARIO_H
-#define DMSIM_SCENARIO_H
+#ifndef DM_SIM_SCENARIO_H
+#define DM_SIM_SCENARIO_H
 
 #include <cstdint>
 #include <string>
 #include <string_view>
 #include <vector>
 
-#include "tools/dmsim/records.h"
+#include "sim/records.h"
 
-namespace dmsim {
+namespace dm::sim {
 
 // A peer of the data manager: a simulated task (by task id) or an external
 // client (by name).
@@ -112,6 +112,6 @@ bool parse_scenario(std::string_view name, std::string_view text, Scenario &out,
 // Names of ids, for scenarios and output.
 bool event_id_by_name(std::string_view token, uint32_t &id);
 
-}  // namespace dmsim
+}  // namespace dm::sim
 
-#endif  // DMSIM_SCENARIO_H
+#endif  // DM_SIM_SCENARIO_H

@@ -1,4 +1,4 @@
-#include "tools/dmsim/netns.h"
+#include "sim/netns.h"
 
 #include <sched.h>
 #include <spawn.h>
@@ -11,7 +11,7 @@
 
 extern char **environ;
 
-namespace dmsim {
+namespace dm::sim {
 
 namespace {
 
@@ -91,4 +91,4 @@ NetnsResult enter_netns(const std::vector<IfaceDecl> &ifaces, std::string &error
     return NetnsResult::kOk;
 }
 
-}  // namespace dmsim
+}  // namespace dm::sim

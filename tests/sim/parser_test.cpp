@@ -8,12 +8,12 @@
 
 #include "evfw_ids.h"
 #include "pdn/pdn_info.h"
-#include "tools/dmsim/records.h"
-#include "tools/dmsim/scenario.h"
+#include "sim/records.h"
+#include "sim/scenario.h"
 
 namespace {
 
-using namespace dmsim;
+using namespace dm::sim;
 using Bytes = std::vector<uint8_t>;
 
 TEST(Records, FieldPathsResolveToTheWireOffsets) {

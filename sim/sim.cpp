@@ -1,4 +1,4 @@
-#include "tools/dmsim/sim.h"
+#include "sim/sim.h"
 
 #include <dlfcn.h>
 
@@ -11,7 +11,7 @@
 #include "ims/ims_pdn.h"
 #include "pdn/pdn_records.h"
 
-namespace dmsim {
+namespace dm::sim {
 
 using evfw_host::LogLine;
 using evfw_host::Peer;
@@ -706,4 +706,4 @@ int run_scenario(const Scenario &sc, const Options &options, FILE *out) {
     return files_ok && diagram_ok ? kExitPass : kExitEnv;
 }
 
-}  // namespace dmsim
+}  // namespace dm::sim

@@ -3,8 +3,8 @@
 // field and to check what a peer received.  The table is made from the
 // library's own headers with offsetof, so it follows every change of a
 // layout.
-#ifndef DMSIM_RECORDS_H
-#define DMSIM_RECORDS_H
+#ifndef DM_SIM_RECORDS_H
+#define DM_SIM_RECORDS_H
 
 #include <cstddef>
 #include <cstdint>
@@ -13,7 +13,7 @@
 #include <string_view>
 #include <vector>
 
-namespace dmsim {
+namespace dm::sim {
 
 enum class Kind {
     U8,
@@ -83,6 +83,6 @@ const char *kind_name(Kind kind);
 // A printable form of text: \r, \n, \t, \\, \" and other control bytes escaped.
 std::string escape(std::string_view text);
 
-}  // namespace dmsim
+}  // namespace dm::sim
 
-#endif  // DMSIM_RECORDS_H
+#endif  // DM_SIM_RECORDS_H
