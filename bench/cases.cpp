@@ -428,7 +428,6 @@ bool prepare(Harness &h, Flow &flow, bool log_on, size_t &lines, std::string &wh
     dm::testkit::Runtime &rt = h.rt();
     flow.setup(h);
     dm_debug_lv = log_on ? 15 : 0;
-    rt.set_trace_data(false);
     h.clear();
     one_event(h, flow);
     if (!flow.check(h, why)) {

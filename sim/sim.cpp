@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <cstring>
-#include <thread>
 
 #include "dati/dati.h"
 #include "evfw_ids.h"
@@ -114,7 +113,7 @@ bool Sim::load(std::string &error) {
             return false;
         }
         loaded_ = true;
-        rt_.run_threads();  // the init thread, at once
+        rt_.wait_threads(opt_.settle);  // the init thread, at once
         return true;
     }
     if (rt_.load_library(opt_.lib, "datamngr", "datamngr_entity_init", "datamngr_entity_exit",
@@ -123,9 +122,10 @@ bool Sim::load(std::string &error) {
         return false;
     }
     loaded_ = true;
-    rt_.run_threads();
-    if (!wait_for_init()) {
-        error = "the data manager's init thread did not finish";
+    // The init thread clears the PDN tables: nothing may reach the data
+    // manager before it has returned.
+    if (!rt_.wait_threads(opt_.settle)) {
+        error = "the data manager's init thread did not return";
         return false;
     }
     // The entry points of the very library the runtime loaded: a second
@@ -144,8 +144,8 @@ bool Sim::load(std::string &error) {
 
 bool Sim::start(const std::vector<std::string> &clients, std::string &error) {
     rt_.reset(deterministic() ? evfw_host::Mode::Deterministic : evfw_host::Mode::Threaded);
-    rt_.set_trace_data(true);
     rt_.set_diag_echo(nullptr);
+    rt_.set_thread_linger(opt_.thread_linger);
     for (const std::string &plan : opt_.faults) {
         if (!rt_.add_fault(plan, error)) return false;
     }
@@ -165,23 +165,6 @@ bool Sim::start(const std::vector<std::string> &clients, std::string &error) {
     for (const std::string &name : clients) client(name);
     settle();
     return true;
-}
-
-bool Sim::wait_for_init() {
-    // The init thread resets the PDN tables; nothing may run before it has.
-    // A fault plan may have kept it from starting at all.
-    if (rt_.faults(evfw_host::FaultCall::ThrdInit) != 0) return true;
-    const auto until = std::chrono::steady_clock::now() + std::chrono::seconds(5);
-    while (std::chrono::steady_clock::now() < until) {
-        for (const LogLine &l : rt_.logs()) {
-            if (std::string_view(l.text).ends_with("] datamngr_init")) {
-                rt_.run_threads();
-                return true;
-            }
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    }
-    return false;
 }
 
 bool Sim::settle() {
@@ -250,7 +233,7 @@ void Sim::at_line(const std::string &line) {
     at.send(TASK_DATAMNGR_DATI_HDL, EVENT_DATAMNGR_ATCMD_REQ, text.c_str(), text.size() + 1);
     if (at_chnl_ == 0) {
         // The AT interface's channel: requests made on behalf of its clients
-        // travel on it (see from_at_client).
+        // travel on it (see on_ril).
         for (const TraceEntry &e : rt_.trace()) {
             if (e.from == TASK_ATI_ATC) {
                 at_chnl_ = e.chnl;
@@ -290,17 +273,6 @@ void Sim::script(const std::function<void(RilScript &)> &change) {
 
 // ---- the scripted RIL proxy --------------------------------------------------------
 
-// Whether the RIL proxy's delivery number `delivery` travels on the AT
-// interface's channel, that is, whether the AT command interface made the
-// request for an AT client.  Deliveries to a peer follow the order of the
-// trace, so the delivery's trace entry carries its channel.
-bool Sim::from_at_client(size_t delivery) {
-    const uint32_t chnl = at_chnl_;
-    if (chnl == 0) return false;
-    std::vector<TraceEntry> got = ril_->received();
-    return delivery < got.size() && got[delivery].chnl == chnl;
-}
-
 std::vector<uint8_t> Sim::setup_answer(const Received &in) {
     SetupDataCallReq req;
     std::memcpy(&req, in.data.data(), sizeof(req));
@@ -326,7 +298,6 @@ std::vector<uint8_t> Sim::setup_answer(const Received &in) {
 }
 
 void Sim::on_ril(Peer &self, const Received &in) {
-    const size_t delivery = ril_deliveries_++;
     std::lock_guard lk(script_mu_);
     if (!script_.enabled) return;
     std::vector<uint8_t> answer;
@@ -355,7 +326,8 @@ void Sim::on_ril(Peer &self, const Received &in) {
     }
     // Derived from the request, so that the answer finds its requester.
     self.reply(in.event, TASK_DATAMNGR, answer_id, answer.data(), answer.size());
-    if (from_at_client(delivery)) deliver_to_at_client(answer_id, answer, in.event);
+    // A request on the AT interface's channel was made for an AT client.
+    if (at_chnl_ != 0 && in.chnl == at_chnl_) deliver_to_at_client(answer_id, answer, in.event);
 }
 
 // The data manager's answer delivery refuses AT clients (their reply path is

@@ -60,6 +60,9 @@ struct Options {
     bool netns = false;                // run inside a private network namespace
     int unprivileged_exit = kExitEnv;  // status when --netns lacks the privileges
     std::chrono::milliseconds settle{30000};
+    // Threads the library starts stay this much longer before they return
+    // (Runtime::set_thread_linger): the init thread of a busy device.
+    std::chrono::milliseconds thread_linger{0};
     // Fault plans (Runtime::add_fault specs), armed as the library is loaded.
     std::vector<std::string> faults;
     // A last check of a run, after its steps and before the library is
@@ -133,12 +136,10 @@ class Sim {
 
   private:
     void on_ril(evfw_host::Peer &self, const evfw_host::Received &in);
-    bool from_at_client(size_t delivery);
     std::vector<uint8_t> setup_answer(const evfw_host::Received &in);
     void deliver_to_at_client(uint32_t answer_id, std::vector<uint8_t> &answer,
                               evfw_event_t *request);
     bool load(std::string &error);
-    bool wait_for_init();
     bool deterministic() const { return opt_.linked != nullptr; }
     std::string check_fields(const Payload &want, const uint8_t *data, size_t len) const;
     std::vector<evfw_host::TraceEntry> unconsumed(uint32_t to, uint32_t event_id);
@@ -154,7 +155,6 @@ class Sim {
 
     std::mutex script_mu_;
     RilScript script_;
-    std::atomic<size_t> ril_deliveries_{0};
     std::atomic<uint32_t> at_chnl_{0};
 
     EntityLinks links_;

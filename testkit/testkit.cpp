@@ -47,7 +47,7 @@ Harness::Harness(evfw_host::Mode mode) : rt_(Runtime::instance()) {
     abi.exit = datamngr_entity_exit;
     abi.ctx_handlers = {{TASK_DATAMNGR_DATI_HDL, datamngr_dati_task_hdl}};
     entity_record_ = rt_.load("datamngr", abi);
-    rt_.run_threads();
+    rt_.wait_threads(std::chrono::seconds(10));  // the init thread, which clears the PDN tables
 }
 
 Harness::~Harness() {
@@ -234,7 +234,7 @@ std::string accounting_problems(const Runtime &rt) {
     const long live = rt.live_events();
     const long held = held_by_library();
     LeakCounter counter;
-    rt.for_each_log([&counter](const LogLine &line) { counter.see(line); });
+    for (const LogLine &line : rt.logs()) counter.see(line);
     const long leaks = counter.total();
     const DatamngrEntity *entity = dm_entity();
     std::string out;

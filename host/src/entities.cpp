@@ -1,247 +1,331 @@
-// Entities and their tasks: loading (linked or from a shared object), task
-// contexts, handlers, unloading.
+// Entities and what they set up: tasks and handlers, and the threads they
+// start.
+#include "entities.h"
+
 #include <dlfcn.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <thread>
 
-#include "internal.h"
+#include "record.h"
+#include "router.h"
 
 namespace evfw_host {
 
-thread_local Entity *tl_loading = nullptr;
-
 namespace {
 
-int host_set_hdl(evfw_task_t *task, evfw_task_hdl_t hdl, void *arg) {
-    return core().set_hdl(task, hdl, arg);
+// A routine that deterministic mode runs only when asked to.
+struct PendingThread {
+    evfw_thrd_fn_t fn = nullptr;
+    void *arg = nullptr;
+    Entity *starter = nullptr;  // the entity in whose init it was started
+};
+
+struct StartedThread {
+    std::thread th;
+    bool done = false;
+};
+
+struct Entities {
+    std::vector<std::unique_ptr<Entity>> loaded;
+    int loads_in_progress = 0;
+    std::vector<PendingThread> pending;                   // deterministic mode
+    std::vector<std::unique_ptr<StartedThread>> started;  // threaded mode
+    std::chrono::milliseconds linger{0};
+    std::condition_variable changed;  // a load done, a thread returned
+};
+
+Entities &entities() {
+    static Entities *e = new Entities;
+    return *e;
 }
 
-}  // namespace
+// The entity whose init runs on this thread, if any.
+thread_local Entity *tl_loading = nullptr;
 
 bool keep_loaded() {
     const char *env = getenv("EVFW_HOST_KEEP_LOADED");
     return env != nullptr && strcmp(env, "1") == 0;
 }
 
-// The entity a new task belongs to: the one whose init runs on this thread,
-// else the loaded entity that calls itself entity_id.
-Entity *Core::owner_for_locked(uint32_t entity_id) {
-    if (tl_loading != nullptr) return tl_loading;
-    for (auto it = entities.rbegin(); it != entities.rend(); ++it) {
-        if ((*it)->rec.id == entity_id) return it->get();
+std::vector<evfw_context *> contexts_of(const Guard &g, const Entity *owner) {
+    std::vector<evfw_context *> out;
+    for (uint32_t id : context_ids(g)) {
+        if (evfw_context *c = find_context(g, id); c->owner == owner) out.push_back(c);
     }
-    return nullptr;
+    return out;
 }
 
-int Core::task_init(evfw_task_t *task, uint32_t entity_id, uint32_t task_id) {
-    record_call("evfw_task_init(" + std::to_string(entity_id) + "," + std::to_string(task_id) +
-                ")");
+int set_handler(evfw_task_t *task, evfw_task_hdl_t hdl, void *arg) {
     if (task == nullptr) return -1;
-    std::lock_guard lk(mu);
-    if (task_id >= EVFW_EXT_ID_BASE || contexts.count(task_id) != 0) {
-        diag("evfw_task_init(%u,%u): the task id is %s; refused", entity_id, task_id,
-             task_id >= EVFW_EXT_ID_BASE ? "in the external id range" : "already in use");
-        return -1;
-    }
-    evfw_context *c = make_context_locked(evfw_context::Kind::Task, task_id, 0, task_name(task_id));
-    c->task = task;
-    c->owner = owner_for_locked(entity_id);
-    task->ctx = c;
-    task->task_id = task_id;
-    task->set_hdl = host_set_hdl;
-    task->fw = c;
-    // In threaded mode every entity task runs on its own thread from the
-    // start, so a send-and-wait of the task always has a queue to watch.
-    if (threaded()) start_worker_locked(c);
+    Guard g = lock();
+    record_call(g, "set_hdl(" + std::to_string(task->task_id) + ")");
+    evfw_context *c = task_context(g, task, "set_hdl");
+    if (c == nullptr) return -1;
+    c->handlers.task_hdl = hdl;
+    c->handlers.task_arg = arg;
     return 0;
 }
 
-int Core::task_exit(evfw_task_t *task) {
-    if (task == nullptr) return -1;
-    record_call("evfw_task_exit(" + std::to_string(task->task_id) + ")");
-    std::unique_ptr<evfw_context> c;
-    {
-        std::lock_guard lk(mu);
-        evfw_context *ctx = task_ctx_locked(task);
-        if (ctx == nullptr) {
-            diag("evfw_task_exit(%u): the task is not initialised (exited before?); ignored",
-                 task->task_id);
-            return -1;
-        }
-        c = remove_context_locked(ctx->id);
+bool all_returned(const Guard &) {
+    const auto &started = entities().started;
+    return std::all_of(started.begin(), started.end(), [](const auto &t) { return t->done; });
+}
+
+// Joins the started threads that have returned.
+void join_returned(Guard &g) {
+    std::vector<std::unique_ptr<StartedThread>> returned;
+    auto &started = entities().started;
+    for (auto &t : started) {
+        if (t->done) returned.push_back(std::move(t));
     }
-    retire(std::move(c));
+    std::erase(started, nullptr);
+    g.unlock();
+    for (auto &t : returned) t->th.join();
+    g.lock();
+}
+
+}  // namespace
+
+int init_task(evfw_task_t *task, uint32_t entity_id, uint32_t task_id) {
+    Guard g = lock();
+    record_call(
+            g, "evfw_task_init(" + std::to_string(entity_id) + "," + std::to_string(task_id) + ")");
+    if (task == nullptr) return -1;
+    if (task_id >= EVFW_EXT_ID_BASE || find_context(g, task_id) != nullptr) {
+        diag(g, "evfw_task_init(%u,%u): the task id is %s; refused", entity_id, task_id,
+             task_id >= EVFW_EXT_ID_BASE ? "in the external id range" : "already in use");
+        return -1;
+    }
+    // The task belongs to the entity whose init runs on this thread, else to
+    // the newest loaded entity that calls itself entity_id.
+    Entity *owner = tl_loading;
+    for (auto it = entities().loaded.rbegin(); owner == nullptr && it != entities().loaded.rend();
+         ++it) {
+        if ((*it)->rec.id == entity_id) owner = it->get();
+    }
+    evfw_context *c =
+            add_context(g, evfw_context::Kind::Task, task_id, 0, task_name(task_id), owner);
+    c->handlers.task = task;
+    task->ctx = c;
+    task->task_id = task_id;
+    task->set_hdl = set_handler;
+    task->fw = c;
+    return 0;
+}
+
+int exit_task(evfw_task_t *task) {
+    if (task == nullptr) return -1;
+    evfw_context *c = nullptr;
+    {
+        Guard g = lock();
+        record_call(g, "evfw_task_exit(" + std::to_string(task->task_id) + ")");
+        if ((c = task_context(g, task, "evfw_task_exit")) == nullptr) return -1;
+    }
+    remove_context(c);
     task->ctx = nullptr;
     task->fw = nullptr;
     return 0;
 }
 
-int Core::set_hdl(evfw_task_t *task, evfw_task_hdl_t hdl, void *arg) {
-    if (task == nullptr) return -1;
-    record_call("set_hdl(" + std::to_string(task->task_id) + ")");
-    std::lock_guard lk(mu);
-    evfw_context *c = task_ctx_locked(task);
-    if (c == nullptr) {
-        diag("set_hdl on task %u, which is not initialised; refused", task->task_id);
-        return -1;
+int start_thread(evfw_thrd_fn_t fn, void *arg) {
+    if (fn == nullptr) return -1;
+    Guard g = lock();
+    Entities &e = entities();
+    record_call(g, "evfw_thrd_start");
+    if (routing_mode(g) == Mode::Deterministic) {
+        e.pending.push_back(PendingThread{fn, arg, tl_loading});
+        return 0;
     }
-    c->hdl = hdl;
-    c->hdl_arg = arg;
+    StartedThread *t = e.started.emplace_back(std::make_unique<StartedThread>()).get();
+    t->th = std::thread([t, fn, arg, linger = e.linger] {
+        fn(arg);
+        std::this_thread::sleep_for(linger);
+        Guard returned = lock();
+        t->done = true;
+        entities().changed.notify_all();
+    });
     return 0;
 }
 
-evfw_entity_t *Core::load(const std::string &name, const EntityAbi &abi, void *dl) {
+int wait_all_entity_init() {
+    Guard g = lock();
+    Entities &e = entities();
+    if (e.loads_in_progress == 0) return 0;
+    if (routing_mode(g) == Mode::Deterministic || tl_loading != nullptr) {
+        diag(g, "evfw_wait_all_entity_init called %s: it would never return; returning -1",
+             tl_loading != nullptr ? "from inside an entity's init"
+                                   : "while an entity is in init, in deterministic mode");
+        return -1;
+    }
+    if (!e.changed.wait_for(g, wait_limit(g), [&e] { return e.loads_in_progress == 0; })) {
+        note_timeout(g);
+        diag(g, "evfw_wait_all_entity_init: an entity is still in init after %lld ms; giving up",
+             static_cast<long long>(wait_limit(g).count()));
+        return -ETIMEDOUT;
+    }
+    return 0;
+}
+
+void unload_entities() {
+    std::vector<std::unique_ptr<Entity>> ents;
+    std::vector<evfw_context *> tasks;
+    {
+        Guard g = lock();
+        ents.swap(entities().loaded);
+        entities().pending.clear();
+        for (const auto &e : ents) {
+            for (evfw_context *c : contexts_of(g, e.get())) tasks.push_back(c);
+        }
+    }
+    // No handler of an entity runs while an entity tears its state down;
+    // what the exits send to peers is still delivered.
+    for (evfw_context *c : tasks) stop_worker(c);
+    for (auto e = ents.rbegin(); e != ents.rend(); ++e) {
+        if ((*e)->abi.exit != nullptr) (*e)->abi.exit(&(*e)->rec);
+        Guard g = lock();
+        const std::vector<evfw_context *> rest = contexts_of(g, e->get());
+        g.unlock();
+        for (evfw_context *c : rest) remove_context(c);
+    }
+    // Threads the entities started end with their exit; their code lives in
+    // the shared objects, which close only after.
+    const std::chrono::milliseconds limit = wait_limit(lock());
+    if (!Runtime::instance().wait_threads(limit)) {
+        Guard g = lock();
+        entities().changed.wait(g, [&g] { return all_returned(g); });
+        join_returned(g);
+    }
+    for (auto e = ents.rbegin(); e != ents.rend(); ++e) {
+        if ((*e)->dl != nullptr) dlclose((*e)->dl);
+    }
+}
+
+void reset_entities(const Guard &) {
+    entities().loads_in_progress = 0;
+    entities().linger = std::chrono::milliseconds(0);
+}
+
+bool reclaim_on_reset() {
+    return !keep_loaded();
+}
+
+evfw_entity_t *Runtime::load(const std::string &name, const EntityAbi &abi) {
+    return load_entity(name, abi, nullptr);
+}
+
+evfw_entity_t *Runtime::load_entity(const std::string &name, const EntityAbi &abi, void *dl) {
     if (abi.init == nullptr) {
-        last_error = "entity " + name + " has no init function";
+        last_error_ = "entity " + name + " has no init function";
         return nullptr;
     }
-    auto owned = std::make_unique<Entity>();
-    Entity *e = owned.get();
-    e->name = name;
-    e->rec.name = e->name.c_str();
-    e->abi = abi;
-    e->dl = dl;
+    Entities &all = entities();
+    Entity *e = nullptr;
     {
-        std::lock_guard lk(mu);
-        entities.push_back(std::move(owned));
-        ++loads_in_progress;
+        Guard g = lock();
+        e = all.loaded.emplace_back(std::make_unique<Entity>(Entity{{}, name, abi, dl})).get();
+        e->rec.name = e->name.c_str();
+        ++all.loads_in_progress;
     }
     Entity *outer = tl_loading;
     tl_loading = e;
     evfw_entity_t *res = abi.init(&e->rec);
     tl_loading = outer;
 
-    // The framework's handlers are in place before the load counts as done,
-    // so that a thread released by evfw_wait_all_entity_init finds them.
-    std::vector<std::unique_ptr<evfw_context>> dropped;
+    std::vector<evfw_context *> dropped;
     std::unique_ptr<Entity> failed;
     {
-        std::lock_guard lk(mu);
-        --loads_in_progress;
-        changed_cv.notify_all();
-        if (res == nullptr) {
-            // The entity gave up; whatever tasks and pending thread routines
-            // it created go with it.
-            for (auto it = contexts.begin(); it != contexts.end();) {
-                auto next = std::next(it);
-                if (it->second->owner == e) dropped.push_back(remove_context_locked(it->first));
-                it = next;
+        // The framework's handlers are in place before the load counts as
+        // done, so that a thread released by evfw_wait_all_entity_init
+        // finds them.
+        Guard g = lock();
+        --all.loads_in_progress;
+        all.changed.notify_all();
+        if (res == nullptr) {  // the entity gave up: its tasks and routines go with it
+            dropped = contexts_of(g, e);
+            std::erase_if(all.pending, [e](const PendingThread &t) { return t.starter == e; });
+            auto it = std::find_if(all.loaded.begin(), all.loaded.end(),
+                                   [e](const auto &p) { return p.get() == e; });
+            failed = std::move(*it);
+            all.loaded.erase(it);
+        }
+        for (const auto &[task_id, hdl] : abi.ctx_handlers) {
+            if (res == nullptr) break;
+            evfw_context *c = find_context(g, task_id);
+            if (c == nullptr) {  // the framework makes the task the entity did not
+                c = add_context(g, evfw_context::Kind::Aux, task_id, 0, task_name(task_id), e);
+            } else if (c->kind == evfw_context::Kind::Peer) {
+                diag(g, "entity %s: handler for task %u not installed: a peer serves that id",
+                     name.c_str(), task_id);
+                continue;
             }
-            std::erase_if(pending_threads, [e](const PendingThread &t) { return t.starter == e; });
-            for (auto it = entities.begin(); it != entities.end(); ++it) {
-                if (it->get() == e) {
-                    failed = std::move(*it);
-                    entities.erase(it);
-                    break;
-                }
-            }
-        } else {
-            for (const auto &[task_id, hdl] : abi.ctx_handlers) {
-                auto it = contexts.find(task_id);
-                evfw_context *c = nullptr;
-                if (it == contexts.end()) {
-                    // The framework creates the auxiliary task the entity did not.
-                    c = make_context_locked(evfw_context::Kind::Aux, task_id, 0,
-                                            task_name(task_id));
-                    c->owner = e;
-                    if (threaded()) start_worker_locked(c);
-                } else if (it->second->peer != nullptr) {
-                    diag("entity %s: handler for task %u not installed: a peer serves that id",
-                         name.c_str(), task_id);
-                    continue;
-                } else {
-                    c = it->second.get();
-                }
-                c->ctx_hdl = hdl;
-                c->ctx_entity = &e->rec;
-            }
+            c->handlers.ctx_hdl = hdl;
+            c->handlers.entity = &e->rec;
         }
     }
-    for (auto &c : dropped) retire(std::move(c));
-    if (res == nullptr) {
-        last_error = "init of entity " + name + " failed (returned NULL)";
-        return nullptr;
-    }
-    return &e->rec;
+    for (evfw_context *c : dropped) remove_context(c);
+    if (res == nullptr) last_error_ = "init of entity " + name + " failed (returned NULL)";
+    return res != nullptr ? &e->rec : nullptr;
 }
 
-evfw_entity_t *Core::load_library(const std::string &path, const std::string &name,
-                                  const std::string &init_sym, const std::string &exit_sym,
-                                  const std::vector<std::pair<uint32_t, std::string>> &ctx_syms) {
+evfw_entity_t *Runtime::load_library(
+        const std::string &path, const std::string &name, const std::string &init_sym,
+        const std::string &exit_sym,
+        const std::vector<std::pair<uint32_t, std::string>> &ctx_syms) {
     dlerror();
     void *dl = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL | (keep_loaded() ? RTLD_NODELETE : 0));
     if (dl == nullptr) {
         const char *why = dlerror();
-        last_error = "dlopen " + path + ": " + (why != nullptr ? why : "failed");
+        last_error_ = "dlopen " + path + ": " + (why != nullptr ? why : "failed");
         return nullptr;
     }
-    auto resolve = [&](const std::string &sym) -> void * {
-        void *p = dlsym(dl, sym.c_str());
-        if (p == nullptr) last_error = path + ": symbol " + sym + " not found";
+    bool ok = true;
+    auto resolve = [&](const std::string &sym) {
+        void *p = ok ? dlsym(dl, sym.c_str()) : nullptr;
+        if (ok && p == nullptr) last_error_ = path + ": symbol " + sym + " not found";
+        ok = ok && p != nullptr;
         return p;
     };
     EntityAbi abi;
-    bool ok = true;
-    if (void *p = resolve(init_sym)) {
-        abi.init = reinterpret_cast<evfw_entity_t *(*)(evfw_entity_t *)>(p);
-    } else {
-        ok = false;
+    abi.init = reinterpret_cast<evfw_entity_t *(*)(evfw_entity_t *)>(resolve(init_sym));
+    if (!exit_sym.empty()) {
+        abi.exit = reinterpret_cast<evfw_entity_t *(*)(evfw_entity_t *)>(resolve(exit_sym));
     }
-    if (ok && !exit_sym.empty()) {
-        if (void *p = resolve(exit_sym)) {
-            abi.exit = reinterpret_cast<evfw_entity_t *(*)(evfw_entity_t *)>(p);
-        } else {
-            ok = false;
-        }
+    for (const auto &[task_id, sym] : ctx_syms) {
+        abi.ctx_handlers.emplace_back(task_id, reinterpret_cast<evfw_ctx_hdl_t>(resolve(sym)));
     }
-    for (size_t i = 0; ok && i < ctx_syms.size(); ++i) {
-        if (void *p = resolve(ctx_syms[i].second)) {
-            abi.ctx_handlers.emplace_back(ctx_syms[i].first, reinterpret_cast<evfw_ctx_hdl_t>(p));
-        } else {
-            ok = false;
-        }
-    }
-    evfw_entity_t *e = ok ? load(name, abi, dl) : nullptr;
+    evfw_entity_t *e = ok ? load_entity(name, abi, dl) : nullptr;
     if (e == nullptr) dlclose(dl);
     return e;
 }
 
-// Exits every entity, newest first.  The entities' task threads are stopped
-// before the first exit, so that no handler runs while an entity tears its
-// state down; what the exits send to peers is still delivered.
-void Core::unload() {
-    std::vector<std::unique_ptr<Entity>> ents;
-    std::vector<evfw_context *> owned;
-    {
-        std::lock_guard lk(mu);
-        ents.swap(entities);
-        pending_threads.clear();
-        for (auto &[id, c] : contexts) {
-            if (c->owner != nullptr) owned.push_back(c.get());
-        }
+void Runtime::unload() {
+    unload_entities();
+}
+
+bool Runtime::wait_threads(std::chrono::milliseconds timeout) {
+    Guard g = lock();
+    while (routing_mode(g) == Mode::Deterministic && !entities().pending.empty()) {
+        std::vector<PendingThread> batch;
+        batch.swap(entities().pending);
+        g.unlock();
+        for (const PendingThread &t : batch) t.fn(t.arg);
+        g.lock();
     }
-    for (evfw_context *c : owned) stop_worker(c);
-    for (auto e = ents.rbegin(); e != ents.rend(); ++e) {
-        if ((*e)->abi.exit != nullptr) (*e)->abi.exit(&(*e)->rec);
-        std::vector<std::unique_ptr<evfw_context>> rest;
-        {
-            std::lock_guard lk(mu);
-            for (auto it = contexts.begin(); it != contexts.end();) {
-                auto next = std::next(it);
-                if (it->second->owner == e->get()) rest.push_back(remove_context_locked(it->first));
-                it = next;
-            }
-        }
-        for (auto &c : rest) retire(std::move(c));
+    if (!entities().changed.wait_for(g, timeout, [&g] { return all_returned(g); })) {
+        diag(g, "a thread started with evfw_thrd_start is still running after %lld ms",
+             static_cast<long long>(timeout.count()));
+        return false;
     }
-    // Threads the entities started end with their exit; their code lives in
-    // the shared objects, which close only after.
-    join_threads();
-    reap_graveyard();
-    for (auto e = ents.rbegin(); e != ents.rend(); ++e) {
-        if ((*e)->dl != nullptr) dlclose((*e)->dl);
-    }
+    join_returned(g);
+    return true;
+}
+
+void Runtime::set_thread_linger(std::chrono::milliseconds linger) {
+    Guard g = lock();
+    entities().linger = linger;
 }
 
 }  // namespace evfw_host

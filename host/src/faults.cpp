@@ -1,7 +1,7 @@
-// Fault plans: the calls an entity imports made to fail on purpose, counted
-// from the last reset.  The framework's and property calls check their plan
-// where they are implemented; the C library's calls are wrapped here, in the
-// hosting process, in front of the C library's own.
+// Fault plans, counted from the first plan armed; and the C library's calls
+// that plans can fail, wrapped in front of the C library's own.
+#include "plugs.h"
+
 #include <dlfcn.h>
 #include <ifaddrs.h>
 #include <net/if.h>
@@ -11,10 +11,9 @@
 #include <cerrno>
 #include <charconv>
 #include <cstdlib>
-#include <cstring>
-#include <mutex>
+#include <vector>
 
-#include "internal.h"
+#include "record.h"
 
 namespace evfw_host {
 
@@ -44,25 +43,20 @@ struct Plan {
     uint64_t nth = 0;        // the first call to fail, from 1
     bool onward = false;     // and every later one
     double probability = 0;  // instead: each call with this probability
-    uint64_t rng = 0;        // the plan's random state (splitmix64)
+    uint64_t rng = 0;        // the plan's random state (splitmix64), from its seed
     int status = 256;        // what a failing system() returns
 };
 
-// Constant-initialised and never destroyed: wrapped C library calls may come
-// from any static object's constructor or destructor.
 struct Faults {
-    std::array<std::atomic<uint64_t>, kCalls> calls{};
-    std::array<std::atomic<uint64_t>, kCalls> failed{};
-    std::mutex mu;
-    std::vector<Plan> *plans = nullptr;
+    std::vector<Plan> plans;
+    std::array<uint64_t, kCalls> calls{};
+    std::array<uint64_t, kCalls> failed{};
 };
-constinit Faults g_faults;
 
-}  // namespace
-
-constinit std::atomic<bool> g_faults_armed{false};
-
-namespace {
+Faults &faults_store() {
+    static Faults *f = new Faults;
+    return *f;
+}
 
 uint64_t next_random(uint64_t &state) {
     uint64_t z = (state += 0x9e3779b97f4a7c15ull);
@@ -79,43 +73,37 @@ bool parse_number(std::string_view text, T &out) {
 
 }  // namespace
 
-bool fault_armed(FaultCall call, int *status) {
+bool fault(FaultCall call, int *status) {
+    Guard g = lock();
+    Faults &f = faults_store();
+    if (f.plans.empty()) return false;
     const size_t i = static_cast<size_t>(call);
-    const uint64_t n = g_faults.calls[i].fetch_add(1, std::memory_order_relaxed) + 1;
-    bool fail = false;
-    {
-        std::lock_guard lk(g_faults.mu);
-        for (Plan &p : *g_faults.plans) {
-            if (p.call != call) continue;
-            if (p.probability > 0) {
-                fail = static_cast<double>(next_random(p.rng) >> 11) * 0x1.0p-53 < p.probability;
-            } else {
-                fail = n == p.nth || (p.onward && n > p.nth);
-            }
-            if (fail) {
-                if (status != nullptr) *status = p.status;
-                break;
-            }
-        }
+    const uint64_t n = ++f.calls[i];
+    for (Plan &p : f.plans) {
+        if (p.call != call) continue;
+        const bool fail =
+                p.probability > 0
+                        ? static_cast<double>(next_random(p.rng) >> 11) * 0x1.0p-53 < p.probability
+                        : n == p.nth || (p.onward && n > p.nth);
+        if (!fail) continue;
+        if (status != nullptr) *status = p.status;
+        ++f.failed[i];
+        diag(g, "fault plan: %s call %llu fails", kNames[i], static_cast<unsigned long long>(n));
+        return true;
     }
-    if (!fail) return false;
-    g_faults.failed[i].fetch_add(1, std::memory_order_relaxed);
-    diag("fault plan: %s call %llu fails", kNames[i], static_cast<unsigned long long>(n));
-    return true;
+    return false;
 }
 
-void reset_faults() {
-    std::lock_guard lk(g_faults.mu);
-    if (g_faults.plans != nullptr) g_faults.plans->clear();
-    g_faults_armed = false;
-    for (auto &c : g_faults.calls) c = 0;
-    for (auto &c : g_faults.failed) c = 0;
+void reset_faults(const Guard &) {
+    Faults &f = faults_store();
+    f.plans.clear();
+    f.calls.fill(0);
+    f.failed.fill(0);
 }
 
 bool Runtime::add_fault(std::string_view plan, std::string &error) {
     const size_t colon = plan.find(':');
     const std::string_view name = plan.substr(0, colon);
-    Plan p;
     size_t i = 0;
     while (i < kCalls && name != kNames[i]) ++i;
     if (i == kCalls || colon == std::string_view::npos) {
@@ -123,9 +111,10 @@ bool Runtime::add_fault(std::string_view plan, std::string &error) {
         for (const char *n : kNames) error += std::string(" ") + n;
         return false;
     }
+    Plan p;
     p.call = static_cast<FaultCall>(i);
     std::string_view when = plan.substr(colon + 1);
-    if (size_t eq = when.find('='); eq != std::string_view::npos) {
+    if (const size_t eq = when.find('='); eq != std::string_view::npos) {
         if (p.call != FaultCall::System || !parse_number(when.substr(eq + 1), p.status)) {
             error = "fault plan '" + std::string(plan) + "': only system takes =<status>";
             return false;
@@ -149,30 +138,29 @@ bool Runtime::add_fault(std::string_view plan, std::string &error) {
                 "': expected <n>, <n>- or p<probability>[/<seed>] after the call";
         return false;
     }
-    std::lock_guard lk(g_faults.mu);
-    if (g_faults.plans == nullptr) g_faults.plans = new std::vector<Plan>;
-    if (!g_faults_armed) {
-        // The first plan starts the count.
-        for (auto &c : g_faults.calls) c = 0;
-        for (auto &c : g_faults.failed) c = 0;
+    Guard g = lock();
+    Faults &f = faults_store();
+    if (f.plans.empty()) {  // the first plan starts the count
+        f.calls.fill(0);
+        f.failed.fill(0);
     }
-    g_faults.plans->push_back(p);
-    g_faults_armed = true;
+    f.plans.push_back(p);
     return true;
 }
 
 void Runtime::clear_faults() {
-    std::lock_guard lk(g_faults.mu);
-    if (g_faults.plans != nullptr) g_faults.plans->clear();
-    g_faults_armed = false;
+    Guard g = lock();
+    faults_store().plans.clear();
 }
 
 uint64_t Runtime::calls(FaultCall call) const {
-    return g_faults.calls[static_cast<size_t>(call)].load();
+    Guard g = lock();
+    return faults_store().calls[static_cast<size_t>(call)];
 }
 
 uint64_t Runtime::faults(FaultCall call) const {
-    return g_faults.failed[static_cast<size_t>(call)].load();
+    Guard g = lock();
+    return faults_store().failed[static_cast<size_t>(call)];
 }
 
 const char *Runtime::fault_call_name(FaultCall call) {
@@ -185,12 +173,16 @@ const char *Runtime::fault_call_name(FaultCall call) {
 
 namespace {
 
-template <class Fn>
-Fn libc(const char *name) {
-    return reinterpret_cast<Fn>(dlsym(RTLD_NEXT, name));
+// Calls the C library's `name` unless a plan fails `call`: then errno is
+// `err` and the result `failed`.
+template <auto failed, int err, class Fn, class... Args>
+auto unless_failed(evfw_host::FaultCall call, const char *name, Args... args) {
+    static const auto real = reinterpret_cast<Fn>(dlsym(RTLD_NEXT, name));
+    if (!evfw_host::fault(call)) return real(args...);
+    errno = err;
+    return static_cast<decltype(real(args...))>(failed);
 }
 
-using evfw_host::fault;
 using evfw_host::FaultCall;
 
 }  // namespace
@@ -198,46 +190,39 @@ using evfw_host::FaultCall;
 extern "C" {
 
 int getifaddrs(struct ifaddrs **list) {
-    static const auto real = libc<int (*)(struct ifaddrs **)>("getifaddrs");
-    if (fault(FaultCall::Getifaddrs)) return errno = ENOMEM, -1;
-    return real(list);
+    return unless_failed<-1, ENOMEM, int (*)(ifaddrs **)>(FaultCall::Getifaddrs, "getifaddrs",
+                                                          list);
 }
 
 char *if_indextoname(unsigned index, char *name) {
-    static const auto real = libc<char *(*)(unsigned, char *)>("if_indextoname");
-    if (fault(FaultCall::IfIndexToName)) return errno = ENXIO, nullptr;
-    return real(index, name);
+    return unless_failed<nullptr, ENXIO, char *(*)(unsigned, char *)>(
+            FaultCall::IfIndexToName, "if_indextoname", index, name);
 }
 
 int socket(int domain, int type, int protocol) {
-    static const auto real = libc<int (*)(int, int, int)>("socket");
-    if (fault(FaultCall::Socket)) return errno = EMFILE, -1;
-    return real(domain, type, protocol);
+    return unless_failed<-1, EMFILE, int (*)(int, int, int)>(FaultCall::Socket, "socket", domain,
+                                                             type, protocol);
 }
 
 int bind(int sock, const struct sockaddr *addr, socklen_t len) {
-    static const auto real = libc<int (*)(int, const struct sockaddr *, socklen_t)>("bind");
-    if (fault(FaultCall::Bind)) return errno = EADDRINUSE, -1;
-    return real(sock, addr, len);
+    return unless_failed<-1, EADDRINUSE, int (*)(int, const sockaddr *, socklen_t)>(
+            FaultCall::Bind, "bind", sock, addr, len);
 }
 
 ssize_t send(int sock, const void *buf, size_t len, int flags) {
-    static const auto real = libc<ssize_t (*)(int, const void *, size_t, int)>("send");
-    if (fault(FaultCall::Send)) return errno = ENOBUFS, -1;
-    return real(sock, buf, len, flags);
+    return unless_failed<-1, ENOBUFS, ssize_t (*)(int, const void *, size_t, int)>(
+            FaultCall::Send, "send", sock, buf, len, flags);
 }
 
 ssize_t recv(int sock, void *buf, size_t len, int flags) {
-    static const auto real = libc<ssize_t (*)(int, void *, size_t, int)>("recv");
-    if (fault(FaultCall::Recv)) return errno = EAGAIN, -1;
-    return real(sock, buf, len, flags);
+    return unless_failed<-1, EAGAIN, ssize_t (*)(int, void *, size_t, int)>(FaultCall::Recv, "recv",
+                                                                            sock, buf, len, flags);
 }
 
 int system(const char *command) {
-    static const auto real = libc<int (*)(const char *)>("system");
+    static const auto real = reinterpret_cast<int (*)(const char *)>(dlsym(RTLD_NEXT, "system"));
     int status = 0;
-    if (fault(FaultCall::System, &status)) return status;
-    return real(command);
+    return evfw_host::fault(FaultCall::System, &status) ? status : real(command);
 }
 
 }  // extern "C"

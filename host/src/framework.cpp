@@ -1,157 +1,168 @@
-// The framework's C API (evfw.h) on top of the runtime's core: tasks, sends,
-// subscriptions, mutexes, threads.
+// The framework's C API: each call checks its fault plan, then does what
+// the framework does, through the router and the entities.
+
+#include <unistd.h>
+
 #include <cerrno>
+#include <condition_variable>
 #include <new>
+#include <thread>
 
-#include "internal.h"
+#include "entities.h"
+#include "plugs.h"
+#include "record.h"
+#include "router.h"
 
-using evfw_host::core;
-using evfw_host::FaultCall;
+pid_t rvn_pid = getpid();
+
+namespace evfw_host {
 
 namespace {
 
-// Recursive mutex that knows its owner, so that a foreign unlock is refused,
-// and whose waits are bounded, so that a lock-order bug shows up as a
-// diagnostic instead of a hang.
+// A recursive mutex that knows its owner, so that a foreign unlock is
+// refused, and whose waits are bounded, so that a lock-order bug shows up as
+// a diagnostic instead of a hang.  Its state is guarded by the runtime's
+// lock, which a waiter gives up while it waits.
 struct HostMutex {
-    std::mutex m;
-    std::condition_variable cv;
+    std::condition_variable released;
     std::thread::id owner;
     unsigned count = 0;
 };
 
-int host_mutex_lock(evfw_mutex_t *mutex) {
+int mutex_lock(evfw_mutex_t *mutex) {
     if (mutex == nullptr || mutex->fw == nullptr) return -1;
-    auto *h = static_cast<HostMutex *>(mutex->fw);
+    auto *m = static_cast<HostMutex *>(mutex->fw);
     const auto me = std::this_thread::get_id();
-    std::unique_lock lk(h->m);
-    if (h->count != 0 && h->owner == me) {
-        ++h->count;
+    Guard g = lock();
+    if (m->count != 0 && m->owner == me) {
+        ++m->count;
         return 0;
     }
-    const auto limit = core().wait_limit();
-    if (!h->cv.wait_for(lk, limit, [h] { return h->count == 0; })) {
-        lk.unlock();
-        core().count_timeout();
-        evfw_host::diag("mutex %p: still held by another thread after %lld ms; lock gives up",
-                        static_cast<void *>(mutex), static_cast<long long>(limit.count()));
+    if (!m->released.wait_for(g, wait_limit(g), [m] { return m->count == 0; })) {
+        note_timeout(g);
+        diag(g, "mutex %p: still held by another thread after %lld ms; lock gives up",
+             static_cast<void *>(mutex), static_cast<long long>(wait_limit(g).count()));
         return -1;
     }
-    h->owner = me;
-    h->count = 1;
+    m->owner = me;
+    m->count = 1;
     return 0;
 }
 
-int host_mutex_unlock(evfw_mutex_t *mutex) {
+int mutex_unlock(evfw_mutex_t *mutex) {
     if (mutex == nullptr || mutex->fw == nullptr) return -1;
-    auto *h = static_cast<HostMutex *>(mutex->fw);
-    std::unique_lock lk(h->m);
-    if (h->count == 0 || h->owner != std::this_thread::get_id()) {
-        const bool held = h->count != 0;
-        lk.unlock();
-        core().count_bad_unlock();
-        evfw_host::diag("mutex %p: unlock by a thread that does not hold it (%s); ignored",
-                        static_cast<void *>(mutex), held ? "held by another" : "not held");
+    auto *m = static_cast<HostMutex *>(mutex->fw);
+    Guard g = lock();
+    if (m->count == 0 || m->owner != std::this_thread::get_id()) {
+        note_bad_unlock(g);
+        diag(g, "mutex %p: unlock by a thread that does not hold it (%s); ignored",
+             static_cast<void *>(mutex), m->count != 0 ? "held by another" : "not held");
         return -1;
     }
-    if (--h->count == 0) {
-        h->owner = std::thread::id();
-        h->cv.notify_one();
+    if (--m->count == 0) {
+        m->owner = std::thread::id();
+        m->released.notify_one();
     }
     return 0;
 }
 
-int host_thrd_start(evfw_thrd_t *thrd, evfw_thrd_fn_t fn, void *arg) {
-    if (thrd == nullptr) return -1;
-    core().record_call("evfw_thrd_start");
-    return core().thread_start(fn, arg);
+int thread_start(evfw_thrd_t *thrd, evfw_thrd_fn_t fn, void *arg) {
+    return thrd != nullptr ? start_thread(fn, arg) : -1;
 }
 
 }  // namespace
 
+}  // namespace evfw_host
+
+using evfw_host::fault;
+using evfw_host::FaultCall;
+
 extern "C" {
 
 int evfw_task_init(evfw_task_t *task, uint32_t entity_id, uint32_t task_id) {
-    if (evfw_host::fault(FaultCall::TaskInit)) return -1;
-    return core().task_init(task, entity_id, task_id);
+    if (fault(FaultCall::TaskInit)) return -1;
+    return evfw_host::init_task(task, entity_id, task_id);
 }
 
 int evfw_task_exit(evfw_task_t *task) {
-    return core().task_exit(task);
+    return evfw_host::exit_task(task);
 }
 
 int evfw_connmngr_common_subscribe(evfw_task_t *task, uint32_t event_id, int mode) {
     if (task == nullptr) return -1;
-    core().record_subscription(evfw_host::Subscription{task->task_id, event_id, mode});
+    evfw_host::record_subscription(evfw_host::Subscription{task->task_id, event_id, mode});
     return 0;
 }
 
 int evfw_atmngr_subscribe_urc(evfw_task_t *task, const char *prefix, uint32_t event_id, int mode) {
     if (task == nullptr || prefix == nullptr) return -1;
-    core().record_urc_subscription(
+    evfw_host::record_urc_subscription(
             evfw_host::UrcSubscription{task->task_id, prefix, event_id, mode});
     return 0;
 }
 
 int evfw_task_send_event(evfw_task_t *from, evfw_event_t *event, uint32_t task_id) {
-    if (evfw_host::fault(FaultCall::TaskSendEvent)) return -1;
-    return core().send_from_task(from, event, task_id, "evfw_task_send_event");
+    if (fault(FaultCall::TaskSendEvent)) return -1;
+    if (from == nullptr || event == nullptr) return -1;
+    evfw_host::Guard g = evfw_host::lock();
+    evfw_context *c = evfw_host::task_context(g, from, "evfw_task_send_event");
+    return c != nullptr ? evfw_host::send(g, c, event, task_id) : -1;
 }
 
 int evfw_task_send_recv_event(evfw_task_t *from, evfw_event_t *event, uint32_t task_id,
                               evfw_rx_cond_t cond, const void *arg, size_t arg_len) {
-    if (evfw_host::fault(FaultCall::TaskSendRecvEvent)) {
+    if (fault(FaultCall::TaskSendRecvEvent)) {
         // Sent, but the answer does not come in time.
-        const int r = core().send_from_task(from, event, task_id, "evfw_task_send_recv_event");
+        const int r = evfw_task_send_event(from, event, task_id);
         return r < 0 ? r : -ETIMEDOUT;
     }
-    return core().send_recv(from, event, task_id, cond, arg, arg_len);
+    return evfw_host::send_and_wait(from, event, task_id, cond, arg, arg_len);
 }
 
 int evfw_context_common_send(evfw_context_t *from, evfw_event_t *event, uint32_t to_id) {
-    if (evfw_host::fault(FaultCall::ContextCommonSend)) return -1;
-    return core().send(from, event, to_id);
+    if (fault(FaultCall::ContextCommonSend)) return -1;
+    return evfw_host::send(from, event, to_id);
 }
 
 int evfw_task_bcast_ext_event(evfw_task_t *from, evfw_event_t *event) {
-    if (evfw_host::fault(FaultCall::TaskBcastExtEvent)) return -1;
-    return core().bcast(from, event);
+    if (fault(FaultCall::TaskBcastExtEvent)) return -1;
+    return evfw_host::broadcast(from, event);
 }
 
 int evfw_mutex_init(evfw_mutex_t *mutex) {
     if (mutex == nullptr) return -1;
-    core().record_call("evfw_mutex_init");
-    if (evfw_host::fault(FaultCall::MutexInit)) return -ENOMEM;
-    auto *h = new (std::nothrow) HostMutex;
-    if (h == nullptr) return -ENOMEM;
-    mutex->lock = host_mutex_lock;
-    mutex->unlock = host_mutex_unlock;
-    mutex->fw = h;
+    evfw_host::record_call(evfw_host::lock(), "evfw_mutex_init");
+    if (fault(FaultCall::MutexInit)) return -ENOMEM;
+    auto *m = new (std::nothrow) evfw_host::HostMutex;
+    if (m == nullptr) return -ENOMEM;
+    mutex->lock = evfw_host::mutex_lock;
+    mutex->unlock = evfw_host::mutex_unlock;
+    mutex->fw = m;
     return 0;
 }
 
 int evfw_mutex_exit(evfw_mutex_t *mutex) {
     if (mutex == nullptr) return -1;
-    core().record_call("evfw_mutex_exit");
-    delete static_cast<HostMutex *>(mutex->fw);
+    evfw_host::record_call(evfw_host::lock(), "evfw_mutex_exit");
+    delete static_cast<evfw_host::HostMutex *>(mutex->fw);
     mutex->fw = nullptr;
     return 0;
 }
 
 int evfw_thrd_init(evfw_thrd_t *thrd) {
     if (thrd == nullptr) return -1;
-    core().record_call("evfw_thrd_init");
-    if (evfw_host::fault(FaultCall::ThrdInit)) {
+    evfw_host::record_call(evfw_host::lock(), "evfw_thrd_init");
+    if (fault(FaultCall::ThrdInit)) {
         thrd->start = nullptr;  // not prepared
         return -1;
     }
-    thrd->start = host_thrd_start;
+    thrd->start = evfw_host::thread_start;
     thrd->fw = nullptr;
     return 0;
 }
 
 int evfw_wait_all_entity_init(void) {
-    return core().wait_all_entity_init();
+    return evfw_host::wait_all_entity_init();
 }
 
 }  // extern "C"

@@ -1,6 +1,7 @@
-// Symbolic names of event and context ids, from the framework's registry.
+// Symbolic names of event and context ids, from the framework's registry and
+// the external clients' own names.
 #include "evfw_ids.h"
-#include "internal.h"
+#include "router.h"
 
 namespace evfw_host {
 
@@ -14,10 +15,6 @@ const char *task_name(uint32_t task_id) {
         default:
             return "UNKNOWN_CONTEXT";
     }
-}
-
-std::string TraceEntry::event_name() const {
-    return event_get_name(event_id);
 }
 
 }  // namespace evfw_host
@@ -36,10 +33,12 @@ const char *event_get_name(uint32_t event_id) {
     }
 }
 
+// A client's name lives as long as its context: until the runtime's reset.
 const char *context_get_name(uint32_t context_id) {
     if (context_id < EVFW_EXT_ID_BASE) return evfw_host::task_name(context_id);
-    const char *name = evfw_host::core().client_name(context_id);
-    return name != nullptr ? name : "UNKNOWN_CONTEXT";
+    evfw_host::Guard g = evfw_host::lock();
+    const evfw_context *c = evfw_host::find_context(g, context_id);
+    return c != nullptr ? c->name.c_str() : "UNKNOWN_CONTEXT";
 }
 
 }  // extern "C"

@@ -63,7 +63,7 @@ TEST_F(Lifecycle, InitMakesItsCallsInOrderItsThreadClearsThePdnTablesAndExitUndo
     // The init thread clears the PDN tables.
     DataCallEntry entry = {0, 0, 0, 3, {}};
     update_pdn_info(&entry, nullptr);
-    EXPECT_EQ(rt.run_threads(), 1u);
+    EXPECT_TRUE(rt.wait_threads(std::chrono::seconds(2)));
     EXPECT_EQ(find_pdn_info_by_cid(3), nullptr);
     EXPECT_EQ(datamngr_init(nullptr), 0);
     const size_t n = rt.calls().size();

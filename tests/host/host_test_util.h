@@ -13,19 +13,6 @@
 #include "evfw_host/runtime.h"
 #include "evfw_ids.h"
 
-// Sanitizer builds: AddressSanitizer, or any that brings its own allocator.
-#if defined(__has_feature)
-#define HOST_TEST_HAS(x) __has_feature(x)
-#else
-#define HOST_TEST_HAS(x) 0
-#endif
-#if defined(__SANITIZE_ADDRESS__) || HOST_TEST_HAS(address_sanitizer)
-#define HOST_TEST_ASAN 1
-#endif
-#if defined(HOST_TEST_ASAN) || defined(__SANITIZE_THREAD__) || HOST_TEST_HAS(thread_sanitizer)
-#define HOST_TEST_SANITIZED 1
-#endif
-
 namespace host_test {
 
 using Bytes = std::vector<uint8_t>;
@@ -33,12 +20,6 @@ using evfw_host::Mode;
 using evfw_host::Peer;
 using evfw_host::Received;
 using evfw_host::Runtime;
-
-// Events are pooled unless EVFW_HOST_POOL is "0".
-inline bool pool_off() {
-    const char *env = getenv("EVFW_HOST_POOL");
-    return env != nullptr && strcmp(env, "0") == 0;
-}
 
 // A fresh event with id and bytes, owned by the caller.
 inline evfw_event_t *make_event(uint32_t id, const Bytes &bytes = {}) {
@@ -88,6 +69,7 @@ struct FakeEntity {
     std::function<void(evfw_task_t *, evfw_event_t *)> on_main;
     bool fail_init = false;
     std::atomic<bool> init_done{false}, saw_init_done{false}, exiting{false}, exited{false};
+    std::atomic<bool> ran_while_exiting{false};
     std::atomic<int> wait_result{1};
 
     std::vector<uint32_t> main_ids() {
@@ -96,6 +78,7 @@ struct FakeEntity {
     }
     static void *main_hdl(evfw_task_t *task, evfw_event_t *event, void *arg) {
         auto *fe = static_cast<FakeEntity *>(arg);
+        if (fe->exiting) fe->ran_while_exiting = true;
         std::unique_lock lk(fe->mu);
         fe->main_got.push_back(event_get_id(event));
         lk.unlock();

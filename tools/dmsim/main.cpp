@@ -80,6 +80,10 @@ options:
                    bind, send, recv, system.  Repeatable; calls are counted
                    from the library's load, and each failure shows in the
                    trace ("!! evfw_host: fault plan: ...")
+  --thread-linger MS
+                   the threads the library starts (its init thread) stay MS
+                   milliseconds longer before they return, as on a busy
+                   device; the run starts only once they have returned
   --repeat N       (run, one scenario) runs the scenario N times in this
                    process, each time with a fresh runtime and the library
                    loaded anew (--netns: one namespace for all of them).  Only
@@ -324,7 +328,8 @@ int main(int argc, char **argv) {
             std::printf(kHelp, DMSIM_DEFAULT_LIB);
             return kExitPass;
         } else if (arg == "--lib" || arg == "--trace" || arg == "--diagram" ||
-                   arg == "--unprivileged-exit" || arg == "--repeat" || arg == "--fail") {
+                   arg == "--unprivileged-exit" || arg == "--repeat" || arg == "--fail" ||
+                   arg == "--thread-linger") {
             const char *v = value();
             if (v == nullptr) return usage_error(arg + " needs a value");
             if (arg == "--lib") {
@@ -340,6 +345,13 @@ int main(int argc, char **argv) {
                 rt.clear_faults();
                 if (!ok) return usage_error(error);
                 a.opt.faults.emplace_back(v);
+            } else if (arg == "--thread-linger") {
+                char *end = nullptr;
+                const long ms = std::strtol(v, &end, 10);
+                if (*v == '\0' || *end != '\0' || ms < 0 || ms > 60000) {
+                    return usage_error("--thread-linger needs milliseconds 0..60000");
+                }
+                a.opt.thread_linger = std::chrono::milliseconds(ms);
             } else if (arg == "--repeat") {
                 char *end = nullptr;
                 long n = std::strtol(v, &end, 10);

@@ -3,28 +3,24 @@
 // property_get and rvn_pid, so that entities built for the device run, are
 // tested and are demonstrated on an ordinary Linux machine.
 //
-// One Runtime per process (Runtime::instance()).  It hosts:
-//  - entities, loaded from a shared object by path (as the daemon does) or
-//    from functions linked into the program;
-//  - the entities' tasks (created by evfw_task_init), each with its handler;
-//  - peers: simulated tasks (by task id: the RIL proxy 202, AT managers 302 and
-//    307, the AT interface 7 and 8, RB 902..905) and external clients (by
-//    name, with an external id from EVFW_EXT_ID_BASE up: the IMS managers, the
-//    LAN manager).  A peer records what it receives and may answer from a
-//    handler.
+// One Runtime per process (Runtime::instance()).  It hosts entities (loaded
+// from a shared object by path, as the daemon does, or linked into the
+// program), their tasks, and peers: simulated tasks by task id (the RIL
+// proxy 202, the AT managers 302 and 307, the AT interface 7 and 8, RB
+// 902..905) and external clients by name, with external ids from
+// EVFW_EXT_ID_BASE up (the IMS managers, the LAN manager).
 //
-// Two modes:
-//  - Deterministic: every send appends to one FIFO; pump() delivers on the
-//    calling thread until nothing is left; threads that entities start run
-//    only when run_threads() is called.  Tests use this mode.
-//  - Threaded: each task or peer with a handler has its own thread and queue,
-//    as on the device; wait_idle() waits until all queues are drained.
+// Two modes, one send path:
+//  - Deterministic: every send is queued in one queue that pump() works
+//    off on the calling thread; threads that entities start run only in
+//    run_threads() or wait_threads().  Tests use this mode.
+//  - Threaded: each context (task or peer) has its own thread and queue,
+//    as on the device; wait_idle() waits until every queue is drained.
 //
-// Every event sent is traced (sender, receiver, id, bytes); every log line is
-// captured (priority, tag, text).  Event allocations are counted, so a test
-// can prove that each event was freed exactly once or is held by its
-// documented holder; a second free of the same event is caught, counted in
-// bad_frees() and otherwise ignored.
+// Every send is traced while the trace is on; every log line is captured.
+// Events are counted, so that a test can prove that each event was freed
+// exactly once or is held by its documented holder; a second free is
+// caught, counted in bad_frees() and ignored.
 #ifndef EVFW_HOST_RUNTIME_H
 #define EVFW_HOST_RUNTIME_H
 
@@ -32,7 +28,6 @@
 #include <cstdint>
 #include <cstdio>
 #include <functional>
-#include <memory>
 #include <span>
 #include <string>
 #include <string_view>
@@ -45,9 +40,7 @@ namespace evfw_host {
 enum class Mode { Deterministic, Threaded };
 
 // The calls an entity imports that a fault plan can make fail, and how each
-// fails: the event calls and the sends of the framework, its init calls,
-// property_get, and the C library calls of IPv6 discovery, the netlink
-// listener and the DNS command.
+// fails.
 enum class FaultCall : uint8_t {
     EventAlloc,         // evfw_event_alloc: no event (null)
     TaskSendEvent,      // evfw_task_send_event: refused (-1)
@@ -68,8 +61,7 @@ enum class FaultCall : uint8_t {
     Count,
 };
 
-// One send, as the framework routed it.  A broadcast gives one entry per
-// receiving client.
+// One send, as the framework routed it; a broadcast gives one per client.
 struct TraceEntry {
     uint64_t seq = 0;
     uint32_t from = 0;  // sending context id (task id or external id)
@@ -80,8 +72,6 @@ struct TraceEntry {
     size_t len = 0;
     std::vector<uint8_t> data;  // empty when data tracing is off
     bool dropped = false;       // no context serves `to`
-
-    std::string event_name() const;
 };
 
 struct LogLine {
@@ -90,11 +80,8 @@ struct LogLine {
     std::string text;
 };
 
-// A diagnostic of the runtime itself ("evfw_host: ..."): a refused send, a
-// foreign unlock, a wait that gave up, a call failed by a fault plan.
-// `after_seq` is the sequence number of the last trace entry before it, so
-// that it can be shown in its place; `after_log` the number of log lines
-// captured before it, so that the lines it caused can be told.
+// A diagnostic of the runtime itself ("evfw_host: ..."), placed after trace
+// entry `after_seq` and after the first `after_log` log lines.
 struct Diagnostic {
     uint64_t after_seq = 0;
     size_t after_log = 0;
@@ -114,12 +101,13 @@ struct UrcSubscription {
     int mode;
 };
 
-// An event as a peer receives it.  `event` is valid only during the handler;
+// An event as a peer receives it.  `event` is valid during the handler only:
 // the runtime frees it when the handler returns.
 struct Received {
     evfw_event_t *event = nullptr;
     uint32_t event_id = 0;
     uint32_t from = 0;
+    uint32_t chnl = 0;  // the channel of the route the event travels on
     std::span<const uint8_t> data;
 
     // The payload as a record when its size matches exactly, else nullptr.
@@ -132,28 +120,27 @@ struct Received {
 class Peer;
 using PeerHandler = std::function<void(Peer &self, const Received &in)>;
 
-// A simulated task or external client.  Owned by the Runtime.
+// A simulated task or external client, owned by the runtime until its reset.
 class Peer {
   public:
-    virtual ~Peer() = default;
+    explicit Peer(evfw_context_t *ctx) : ctx_(ctx) {}
 
-    virtual uint32_t id() const = 0;  // task id or external id
-    virtual const std::string &name() const = 0;
-    virtual bool external() const = 0;
-    virtual evfw_context_t *ctx() = 0;
+    uint32_t id() const;  // task id or external id
+    const std::string &name() const;
+    evfw_context_t *ctx() const { return ctx_; }
 
-    // Called for every event delivered to this peer (on the peer's thread in
+    // Runs for every event delivered to this peer (on the peer's thread in
     // threaded mode).  Without a handler, received events are only traced.
-    virtual void on_receive(PeerHandler handler) = 0;
+    void on_receive(PeerHandler handler);
+    // Sends a fresh event from this peer (it takes the peer's route), or one
+    // derived from `request` (it takes the request's route).  No fault plan
+    // applies to a peer.
+    int send(uint32_t to, uint32_t event_id, const void *data, size_t len);
+    int reply(const evfw_event_t *request, uint32_t to, uint32_t event_id, const void *data,
+              size_t len);
 
-    // Sends a fresh event from this peer (it takes the peer's route).
-    virtual int send(uint32_t to, uint32_t event_id, const void *data, size_t len) = 0;
-    // Sends an event derived from `request` (it takes the request's route).
-    virtual int reply(const evfw_event_t *request, uint32_t to, uint32_t event_id, const void *data,
-                      size_t len) = 0;
-
-    // What was delivered to this peer, in order (from the trace).
-    virtual std::vector<TraceEntry> received() const = 0;
+  private:
+    evfw_context_t *ctx_;
 };
 
 // The functions through which the runtime drives an entity.
@@ -168,129 +155,108 @@ class Runtime {
   public:
     static Runtime &instance();
 
-    // Unloads every entity, drops peers, queued events, trace, logs and
-    // properties, and restarts in `mode`.  Counters start again from zero.
+    // Unloads every entity, drops peers, queued events, trace, logs,
+    // properties and fault plans, and restarts in `mode` with counters at
+    // zero.  The events a finished run left are freed, unless
+    // EVFW_HOST_KEEP_LOADED=1 keeps shared objects mapped for leak checkers.
     void reset(Mode mode = Mode::Deterministic);
-    // A new round with the loaded entities, their tasks and subscriptions and
-    // the peers (with their handlers) kept: queued events are dropped, every
-    // event still live is reclaimed, and the trace, logs, diagnostics,
-    // properties, fault plans and counters start again; the settings (trace
-    // on or off, log capture and echo, diagnostics echo) stay.  For a long series
-    // of short cases against one loaded entity (a fuzzer), where loading it
-    // anew for each case would be the cost; the entity's own state is the
-    // caller's to reset.  Unless EVFW_HOST_KEEP_LOADED=1, reset() reclaims the
-    // events a finished run left as well.
+    // A new round with the entities, their tasks and the peers kept: queued
+    // and live events are freed; trace, logs, diagnostics, properties, fault
+    // plans and counters start again; the settings stay.  For a long series
+    // of short cases against one loaded entity (a fuzzer); the entity's own
+    // state is the caller's to reset.
     void new_round();
-    Mode mode() const;
 
     // ---- entities ----
     // Calls abi.init with a fresh entity record named `name`; returns it.
     evfw_entity_t *load(const std::string &name, const EntityAbi &abi);
-    // dlopen()s the shared object and resolves init, exit and the named
-    // context handlers by symbol, as the daemon does.  nullptr (and a reason
-    // in last_error()) when the object or a symbol is missing.  With
-    // EVFW_HOST_KEEP_LOADED=1 in the environment the object stays mapped
-    // until the process ends (for leak checkers; a second load then finds
-    // its static state as the first left it).
+    // dlopen()s the shared object and resolves init, exit and the context
+    // handlers by symbol, as the daemon does.  nullptr (and last_error())
+    // when the object or a symbol is missing.
     evfw_entity_t *load_library(const std::string &path, const std::string &name,
                                 const std::string &init_sym, const std::string &exit_sym,
                                 const std::vector<std::pair<uint32_t, std::string>> &ctx_syms);
-    // Calls exit of every loaded entity, in reverse load order, then closes
-    // the shared objects.
+    // Stops the entities' tasks, calls each exit, newest first, removes their
+    // tasks, joins their threads and closes the shared objects.
     void unload();
     const std::string &last_error() const;
 
     // ---- peers ----
     Peer &add_task(uint32_t task_id);           // name from the registry
-    Peer &add_client(const std::string &name);  // next external id
+    Peer &add_client(const std::string &name);  // the next external id
     Peer *peer(uint32_t id);                    // nullptr when absent
 
     // ---- running ----
-    // Deterministic: deliver until idle; returns the number of deliveries.
-    // Threaded: same as wait_idle() with the wait limit.
+    // Deterministic: delivers until idle; the number of deliveries.
+    // Threaded: waits until idle, within the wait limit.
     size_t pump();
-    // Deterministic: runs the routines of the threads started so far, in
-    // start order, on the calling thread; returns how many ran.
-    // Threaded: joins the started threads that have finished; returns 0.
-    size_t run_threads();
     bool wait_idle(std::chrono::milliseconds timeout);
-    // Limit of send-and-wait and of entity mutex waits (default 2 s).
+    // Until every thread started so far has returned, and joins them:
+    // deterministic mode runs their routines here, in start order, and those
+    // they start; false, with a diagnostic, when one still runs after
+    // `timeout`.  An entity is ready for its first event once its init
+    // thread has returned.
+    bool wait_threads(std::chrono::milliseconds timeout);
+    // A seam for tests: threads started from now on stay this much longer
+    // before they count as returned, as a thread preempted at its very end.
+    void set_thread_linger(std::chrono::milliseconds linger);
+    // Limit of send-and-wait, mutex and init waits (default 2 s).
     void set_wait_limit(std::chrono::milliseconds limit);
 
-    // ---- framework call record, for checking an entity's start-up ----
+    // ---- the framework calls an entity made at its start ----
     std::vector<Subscription> subscriptions() const;
     std::vector<UrcSubscription> urc_subscriptions() const;
     // "evfw_task_init(41,402)", "evfw_connmngr_common_subscribe(402,4002,1)", ...
     std::vector<std::string> calls() const;
-    // Tasks subscribed to a URC line, with their event ids, by the modes'
-    // rules (see EVFW_URC_MODE_*).
+    // The tasks subscribed to a URC line, by the modes' rules (EVFW_URC_MODE_*).
     std::vector<UrcSubscription> urc_subscribers(std::string_view line) const;
 
-    // ---- properties ----
+    // ---- properties (property_get reads them) ----
     void set_property(const std::string &key, const std::string &value);
-    void clear_property(const std::string &key);
-    // key=value lines; '#' starts a comment.  false (and last_error()) on a
-    // file that cannot be read or a line without '='.
-    bool load_properties(const std::string &path);
 
     // ---- observation ----
     std::vector<TraceEntry> trace() const;
     void clear_trace();
-    // Off: sends are not recorded at all (no entry, no bytes), so that a long
-    // run (a benchmark, a soak) keeps no state per event.  trace(), sent_to()
-    // and Peer::received() then miss what is sent meanwhile, and an event for
-    // a peer without a handler is freed as it is sent, as in threaded mode.
-    // reset() turns it back on.
+    // Off: nothing is recorded, so that a long run keeps no state per send.
     void set_trace(bool on);
-    void set_trace_data(bool keep_bytes);
-    void print_trace(FILE *out) const;
+    void print_trace(FILE *out) const;  // diagnostics in their places
 
     std::vector<LogLine> logs() const;
-    // Visits the captured lines in order without copying them; `visit` must
-    // not log.
-    void for_each_log(const std::function<void(const LogLine &)> &visit) const;
     void clear_logs();
     void set_log_capture(bool capture);  // off: lines are formatted, then discarded
-    void set_log_echo(FILE *out);        // logcat-style copy of each line, or nullptr
+    void set_log_echo(FILE *out);        // a logcat-style copy of each line, or nullptr
     static std::string logcat(const LogLine &line);
 
-    // Every diagnostic since the last reset, in order, and how many.  Each is
-    // also written to the echo stream (stderr by default; nullptr: none), and
-    // print_trace() shows it in its place among the sends.
+    // Each diagnostic is also echoed (stderr by default; nullptr: none).
     std::vector<Diagnostic> diagnostics() const;
-    long diagnostic_count() const;
     void set_diag_echo(FILE *out);
 
     // ---- fault plans ----
-    // Makes an imported call fail: its Nth call, every call from the Nth on,
-    // or each call with a probability (from a seed).  Calls are counted from
-    // the first plan armed since the last reset or clear_faults(), and only
-    // while a plan is armed: unarmed, the calls cost nothing more.
-    // Each failure is a diagnostic ("fault plan: <call> call <n> fails"), so
-    // that the trace shows it in its place.  Specs, by the call's name:
-    //   "evfw_event_alloc:3"      the third call
-    //   "send:2-"                 the second call and every later one
-    //   "recv:p0.25/7"            each call with probability 0.25, seed 7
-    //   "system:1=-1"             system() fails with -1 instead of 256
+    // Makes an imported call fail, each failure a diagnostic ("fault plan:
+    // <call> call <n> fails").  Calls are counted from the first plan armed
+    // since the last reset or clear_faults(), and only while one is armed:
+    //   "evfw_event_alloc:3"  the third call
+    //   "send:2-"             the second call and every later one
+    //   "recv:p0.25/7"        each call with probability 0.25, seed 7
+    //   "system:1=-1"         system() fails with -1 instead of 256
     // false, with the reason in `error`, for a plan that does not parse.
     bool add_fault(std::string_view plan, std::string &error);
     void clear_faults();
-    uint64_t calls(FaultCall call) const;   // calls counted (see above)
+    uint64_t calls(FaultCall call) const;   // calls counted
     uint64_t faults(FaultCall call) const;  // of them, the ones made to fail
     static const char *fault_call_name(FaultCall call);
 
     // ---- accounting ----
-    long live_events() const;  // allocated and not yet freed
-    uint64_t events_allocated() const;
-    uint64_t events_freed() const;
-    long bad_frees() const;    // frees of an event that was not live
+    long live_events() const;  // allocated in this round and not yet freed
+    long bad_frees() const;    // frees of something that was not a live event
     long bad_unlocks() const;  // unlocks of a mutex the thread did not hold
-    long timeouts() const;     // send-and-wait and mutex waits that gave up
+    long timeouts() const;     // send-and-wait, mutex and init waits that gave up
 
   private:
-    Runtime();
-    struct Impl;
-    std::unique_ptr<Impl> impl_;
+    Runtime() = default;
+    evfw_entity_t *load_entity(const std::string &name, const EntityAbi &abi, void *dl);
+
+    std::string last_error_;  // read and written by the controlling thread
 };
 
 }  // namespace evfw_host

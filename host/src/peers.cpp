@@ -1,0 +1,93 @@
+// Peers: the simulated tasks and external clients that tests and tools play
+// around an entity.  A peer's sends take the same path as an entity's.
+#include <stdexcept>
+
+#include "router.h"
+
+namespace evfw_host {
+
+namespace {
+
+struct Peers {
+    std::vector<std::unique_ptr<Peer>> all;
+    uint32_t next_ext = EVFW_EXT_ID_BASE;
+};
+
+Peers &peers() {
+    static Peers *p = new Peers;
+    return *p;
+}
+
+Peer &add_peer(const Guard &g, uint32_t id, uint32_t ext_id, std::string name) {
+    evfw_context *c = add_context(g, evfw_context::Kind::Peer, id, ext_id, std::move(name));
+    c->handlers.peer = peers().all.emplace_back(std::make_unique<Peer>(c)).get();
+    return *c->handlers.peer;
+}
+
+int send_new(evfw_context *from, evfw_event *ev, uint32_t to, uint32_t event_id, const void *data,
+             size_t len) {
+    if (ev == nullptr) return -1;
+    ev->id = event_id;
+    if (event_set_data(ev, 0, data, len) == nullptr || send(from, ev, to) < 0) {
+        free_event(ev);
+        return -1;
+    }
+    return 0;
+}
+
+}  // namespace
+
+void drop_peers(const Guard &) {
+    peers().all.clear();
+    peers().next_ext = EVFW_EXT_ID_BASE;
+}
+
+uint32_t Peer::id() const {
+    return ctx_->id;
+}
+
+const std::string &Peer::name() const {
+    return ctx_->name;
+}
+
+void Peer::on_receive(PeerHandler handler) {
+    Guard g = lock();
+    ctx_->handlers.peer_hdl = handler ? std::make_shared<PeerHandler>(std::move(handler)) : nullptr;
+}
+
+int Peer::send(uint32_t to, uint32_t event_id, const void *data, size_t len) {
+    return send_new(ctx_, new_event(nullptr), to, event_id, data, len);
+}
+
+int Peer::reply(const evfw_event_t *request, uint32_t to, uint32_t event_id, const void *data,
+                size_t len) {
+    return send_new(ctx_, new_event(request), to, event_id, data, len);
+}
+
+Peer &Runtime::add_task(uint32_t task_id) {
+    if (task_id >= EVFW_EXT_ID_BASE) {
+        throw std::invalid_argument("add_task: " + std::to_string(task_id) +
+                                    " is an external id, not a task id");
+    }
+    Guard g = lock();
+    if (evfw_context *c = find_context(g, task_id); c != nullptr) {
+        if (c->handlers.peer != nullptr) return *c->handlers.peer;
+        throw std::logic_error("add_task: task " + std::to_string(task_id) +
+                               " is served by an entity");
+    }
+    return add_peer(g, task_id, 0, task_name(task_id));
+}
+
+Peer &Runtime::add_client(const std::string &name) {
+    Guard g = lock();
+    const uint32_t id = peers().next_ext++;
+    return add_peer(g, id, id, name);
+}
+
+Peer *Runtime::peer(uint32_t id) {
+    Guard g = lock();
+    evfw_context *c = find_context(g, id);
+    return c != nullptr ? c->handlers.peer : nullptr;
+}
+
+}  // namespace evfw_host

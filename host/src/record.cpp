@@ -1,0 +1,191 @@
+// The trace, the record of framework calls, and the diagnostics.
+#include "record.h"
+
+#include <cinttypes>
+#include <cstdarg>
+#include <cstdio>
+#include <vector>
+
+#include "plugs.h"
+
+namespace evfw_host {
+
+namespace {
+
+struct Record {
+    std::vector<TraceEntry> trace;
+    uint64_t last_seq = 0;
+    bool trace_on = true;
+    std::vector<std::string> calls;
+    std::vector<Subscription> subscriptions;
+    std::vector<UrcSubscription> urc_subscriptions;
+    std::vector<Diagnostic> diagnostics;
+    FILE *diag_echo = stderr;
+    long bad_unlocks = 0;
+    long timeouts = 0;
+};
+
+Record &record() {
+    static Record *r = new Record;
+    return *r;
+}
+
+void add_diagnostic(const Guard &g, const char *fmt, va_list ap) {
+    char text[512];
+    vsnprintf(text, sizeof text, fmt, ap);
+    Record &r = record();
+    r.diagnostics.push_back(Diagnostic{r.last_seq, log_count(g), text});
+    if (r.diag_echo != nullptr) fprintf(r.diag_echo, "evfw_host: %s\n", text);
+}
+
+}  // namespace
+
+void trace_send(const Guard &, uint32_t from, uint32_t to, const evfw_event *ev, bool dropped) {
+    Record &r = record();
+    if (!r.trace_on) return;
+    r.trace.push_back(TraceEntry{++r.last_seq, from, to, ev->id, ev->ext_id, ev->chnl,
+                                 ev->data.size(), ev->data, dropped});
+}
+
+void record_call(const Guard &, std::string call) {
+    record().calls.push_back(std::move(call));
+}
+
+void record_subscription(const Subscription &s) {
+    Guard g = lock();
+    record().subscriptions.push_back(s);
+    record_call(g, "evfw_connmngr_common_subscribe(" + std::to_string(s.task_id) + "," +
+                           std::to_string(s.event_id) + "," + std::to_string(s.mode) + ")");
+}
+
+void record_urc_subscription(const UrcSubscription &s) {
+    Guard g = lock();
+    record().urc_subscriptions.push_back(s);
+    record_call(g, "evfw_atmngr_subscribe_urc(" + std::to_string(s.task_id) + "," + s.prefix + "," +
+                           std::to_string(s.event_id) + "," + std::to_string(s.mode) + ")");
+}
+
+void diag(const Guard &g, const char *fmt, ...) {
+    va_list ap;
+    va_start(ap, fmt);
+    add_diagnostic(g, fmt, ap);
+    va_end(ap);
+}
+
+void diag(const char *fmt, ...) {
+    Guard g = lock();
+    va_list ap;
+    va_start(ap, fmt);
+    add_diagnostic(g, fmt, ap);
+    va_end(ap);
+}
+
+void note_bad_unlock(const Guard &) {
+    ++record().bad_unlocks;
+}
+
+void note_timeout(const Guard &) {
+    ++record().timeouts;
+}
+
+void reset_record(const Guard &, bool settings) {
+    Record &r = record();
+    r.bad_unlocks = r.timeouts = 0;
+    r.trace.clear();
+    r.last_seq = 0;
+    r.diagnostics.clear();
+    if (!settings) return;
+    r.trace_on = true;
+    r.diag_echo = stderr;
+    r.calls.clear();
+    r.subscriptions.clear();
+    r.urc_subscriptions.clear();
+}
+
+std::vector<TraceEntry> Runtime::trace() const {
+    Guard g = lock();
+    return record().trace;
+}
+
+void Runtime::clear_trace() {
+    Guard g = lock();
+    record().trace.clear();
+}
+
+void Runtime::set_trace(bool on) {
+    Guard g = lock();
+    record().trace_on = on;
+}
+
+void Runtime::print_trace(FILE *out) const {
+    constexpr size_t kShownBytes = 32;
+    const std::vector<Diagnostic> diags = diagnostics();
+    auto next_diag = diags.begin();
+    auto diags_until = [&](uint64_t seq) {
+        for (; next_diag != diags.end() && next_diag->after_seq < seq; ++next_diag) {
+            fprintf(out, "     !! evfw_host: %s\n", next_diag->text.c_str());
+        }
+    };
+    for (const TraceEntry &e : trace()) {
+        diags_until(e.seq);
+        fprintf(out, "%4" PRIu64 " %s(%u) -> %s(%u) %s(%u) len=%zu", e.seq,
+                context_get_name(e.from), e.from, context_get_name(e.to), e.to,
+                event_get_name(e.event_id), e.event_id, e.len);
+        if (!e.data.empty()) fputs(" data=", out);
+        for (size_t i = 0; i < e.data.size() && i < kShownBytes; ++i)
+            fprintf(out, "%02x", e.data[i]);
+        if (e.data.size() > kShownBytes) fputs("...", out);
+        fputs(e.dropped ? " (dropped)\n" : "\n", out);
+    }
+    diags_until(UINT64_MAX);
+}
+
+std::vector<Subscription> Runtime::subscriptions() const {
+    Guard g = lock();
+    return record().subscriptions;
+}
+
+std::vector<UrcSubscription> Runtime::urc_subscriptions() const {
+    Guard g = lock();
+    return record().urc_subscriptions;
+}
+
+std::vector<std::string> Runtime::calls() const {
+    Guard g = lock();
+    return record().calls;
+}
+
+std::vector<UrcSubscription> Runtime::urc_subscribers(std::string_view line) const {
+    std::string_view skipped = line;
+    while (!skipped.empty() && (skipped.front() == '\r' || skipped.front() == '\n')) {
+        skipped.remove_prefix(1);
+    }
+    std::vector<UrcSubscription> out = urc_subscriptions();
+    std::erase_if(out, [&](const UrcSubscription &s) {
+        if ((s.mode & EVFW_URC_MODE_SKIP_CRLF) != 0) return !skipped.starts_with(s.prefix);
+        return (s.mode & EVFW_URC_MODE_LINE_START) == 0 || !line.starts_with(s.prefix);
+    });
+    return out;
+}
+
+std::vector<Diagnostic> Runtime::diagnostics() const {
+    Guard g = lock();
+    return record().diagnostics;
+}
+
+long Runtime::bad_unlocks() const {
+    Guard g = lock();
+    return record().bad_unlocks;
+}
+
+long Runtime::timeouts() const {
+    Guard g = lock();
+    return record().timeouts;
+}
+
+void Runtime::set_diag_echo(FILE *out) {
+    Guard g = lock();
+    record().diag_echo = out;
+}
+
+}  // namespace evfw_host
