@@ -83,7 +83,16 @@ options:
   --diagram FILE   write the message flow as a Mermaid sequence diagram to FILE
   --netns          (run) run inside a private network namespace that holds
                    the data interfaces the scenario declares (veth pdnetN with
-                   their IPv6 addresses, nodad); needs root
+                   their IPv6 addresses, no duplicate address detection);
+                   needs root.  An interface declared with
+                     iface-ra pdnet4 2001:db8:4::/64
+                   gets its address from the kernel (SLAAC): radvd (package
+                   radvd) advertises the prefix on its far end until the
+                   kernel has configured an address (at most 10 s), and dmsim
+                   then publishes the prefix the kernel learned as the
+                   property net.ipv6.pdnet4.prefix, as the network daemon
+                   does; ipv6_addr=slaac:pdnet4 in a step stands for the
+                   kernel's address
   --unprivileged-exit N
                    exit status when --netns lacks the privileges (default 3;
                    the CTest registration uses 77, CTest's "skipped")
@@ -244,7 +253,7 @@ int run_file(const std::string &path, const Options &opt, int repeat) {
         return kExitEnv;
     }
     if (opt.netns) {
-        NetnsResult r = enter_netns(sc.ifaces, error);
+        NetnsResult r = enter_scenario_netns(sc, error);
         if (r != NetnsResult::kOk) {
             std::fprintf(stderr, "dmsim: %s: %s\n", path.c_str(), error.c_str());
             return r == NetnsResult::kUnprivileged ? opt.unprivileged_exit : kExitEnv;
