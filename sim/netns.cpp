@@ -247,6 +247,10 @@ NetnsResult enter_netns(const std::vector<IfaceDecl> &ifaces, std::string &error
             error += " (--netns needs the CAP_SYS_ADMIN capability)";
             return NetnsResult::kUnprivileged;
         }
+        if (err == EINVAL || err == ENOSYS) {
+            error += " (this kernel has no network namespaces)";
+            return NetnsResult::kUnprivileged;
+        }
         return NetnsResult::kFailed;
     }
     // No duplicate address detection: an address is usable, and announced,

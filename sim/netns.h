@@ -14,6 +14,8 @@
 
 namespace dm::sim {
 
+// kUnprivileged: no namespace can be made here (not root, no capability, or
+// a kernel without network namespaces); the tests skip.
 enum class NetnsResult { kOk, kUnprivileged, kFailed };
 
 // Moves the calling process (it must not have started threads) into a new
