@@ -97,7 +97,7 @@ struct Watched {
 // `buf`: the link-local addresses that both ends need before a router can
 // advertise, and the global address the kernel configures.
 void take_addresses(const uint8_t *buf, size_t len, std::vector<Watched> &watched) {
-    int left = static_cast<int>(len);
+    auto left = static_cast<unsigned>(len);
     for (auto *h = reinterpret_cast<const nlmsghdr *>(buf); NLMSG_OK(h, left);
          h = NLMSG_NEXT(h, left)) {
         if (h->nlmsg_type != RTM_NEWADDR || h->nlmsg_len < NLMSG_LENGTH(sizeof(ifaddrmsg))) {

@@ -105,11 +105,13 @@ bool AtPort::open(const std::string &link, std::string &error) {
     return true;
 }
 
-void AtPort::read(std::vector<PortLine> &lines) {
+bool AtPort::read(std::vector<PortLine> &lines) {
     char buf[512];
     while (true) {
         const ssize_t n = ::read(master_, buf, sizeof(buf));
-        if (n <= 0) return;  // EAGAIN: all read
+        if (n < 0 && errno == EINTR) continue;
+        if (n < 0 && errno == EAGAIN) return true;  // all read
+        if (n <= 0) return false;
         for (ssize_t i = 0; i < n; ++i) {
             const char c = buf[i];
             if (c == '\r' || c == '\n') {

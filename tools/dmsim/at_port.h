@@ -45,8 +45,8 @@ class AtPort {
 
     // Reads what the client wrote and appends each complete line to `lines`.
     // A line ends at CR or LF; CRLF ends one line, empty lines are dropped,
-    // NUL bytes are left out.
-    void read(std::vector<PortLine> &lines);
+    // NUL bytes are left out.  false when the terminal has failed.
+    bool read(std::vector<PortLine> &lines);
     // Writes to the client; false when the client reads nothing and the
     // terminal's buffer is full (what does not fit is dropped).
     bool write(std::string_view bytes);

@@ -137,7 +137,8 @@ class Console {
     void to_port(std::string_view text) {
         const std::string framed = modem_framing(text);
         for (std::string_view rest = framed; !rest.empty();) {
-            const size_t end = rest.find("\r\n");
+            size_t end = rest.find("\r\n");
+            if (end == std::string_view::npos) end = rest.size();
             if (end != 0) std::fprintf(out_, "port< %s\n", escape(rest.substr(0, end)).c_str());
             rest.remove_prefix(std::min(rest.size(), end + 2));
         }
@@ -258,8 +259,13 @@ int run_port_console(const Options &options, const std::string &path, bool inter
                 }
                 if (fds[1].revents != 0) {
                     lines.clear();
-                    port.read(lines);
+                    const bool open = port.read(lines);
                     for (const PortLine &l : lines) console.from_port(l);
+                    if (!open) {
+                        std::fprintf(out, "[the port's terminal failed: %s]\n",
+                                     std::strerror(errno));
+                        break;
+                    }
                 }
                 if (fds[2].revents != 0) {
                     char buf[1024];
