@@ -40,7 +40,8 @@ constexpr NamedId kTargets[] = {
 constexpr std::string_view kKnownClients[] = {"imsm_0", "imsm_1", "imsm_2", "imsm_3", "lanmngr"};
 
 constexpr std::string_view kSteps =
-        "title, iface, client, property, announce, send, ril, at, at-register, urc, expect, "
+        "title, iface, iface-ra, client, property, announce, send, ril, at, at-register, urc, "
+        "expect, "
         "expect-none, expect-at, expect-urc, expect-log, expect-no-log, expect-pdn";
 
 struct Tok {
@@ -118,6 +119,8 @@ class Parser {
 
     bool step(std::string_view keyword, std::string_view rest);
     bool iface(const std::vector<Tok> &toks);
+    bool iface_ra(const std::vector<Tok> &toks);
+    bool iface_name(const std::string &name, IfaceDecl &d);
     bool ril(const std::vector<Tok> &toks, Step &s);
 
     std::string_view name_;
@@ -304,6 +307,19 @@ bool Parser::assign(const Tok &tok, size_t eq, Payload &p, bool sending) {
                     "before the fields, or raw fields @<offset>=<value>");
     }
     if (!resolve_field(*p.record, key, a.field, err)) return fail(err);
+    if (a.field.kind == Kind::Ipv6 && !quoted && val.starts_with("slaac:")) {
+        a.slaac = val.substr(6);
+        if (std::none_of(sc_.ifaces.begin(), sc_.ifaces.end(), [&](const IfaceDecl &d) {
+                return d.name == a.slaac && !d.ra_prefix.empty();
+            })) {
+            return fail(key + ": '" + val +
+                        "' names no interface declared with iface-ra; expected "
+                        "slaac:<interface>");
+        }
+        a.value.assign(16, 0);  // the kernel's address, once it has one
+        p.assigns.push_back(std::move(a));
+        return true;
+    }
     size_t size = a.field.size;
     if (p.record->size == 0) size = 0;  // text payload of any length
     if (!encode_value(a.field.kind, size, val, quoted, a.value, err)) return fail(key + ": " + err);
@@ -355,21 +371,58 @@ bool Parser::payload(const std::vector<Tok> &toks, size_t from, uint32_t event_i
     return true;
 }
 
-bool Parser::iface(const std::vector<Tok> &toks) {
+// The name of a declared interface, new and of at most 12 letters and digits
+// (the veth's far end adds its own name beside it).
+bool Parser::iface_name(const std::string &name, IfaceDecl &d) {
     if (started_)
-        return fail(
-                "iface declares an interface before the run; expected it before the first step");
-    if (toks.size() < 2) return fail("expected iface <name> <ipv6 address>[/<prefix length>]...");
-    IfaceDecl d;
-    d.line = line_;
-    d.name = toks[0].text;
-    if (d.name.empty() || d.name.size() > 12 ||
-        !std::all_of(d.name.begin(), d.name.end(), [](char c) {
+        return fail("an interface is declared before the run; expected it before the first step");
+    if (name.empty() || name.size() > 12 || !std::all_of(name.begin(), name.end(), [](char c) {
             return std::isalnum(static_cast<unsigned char>(c)) || c == '_';
         })) {
-        return fail("expected an interface name of at most 12 letters and digits, found '" +
-                    d.name + "'");
+        return fail("expected an interface name of at most 12 letters and digits, found '" + name +
+                    "'");
     }
+    for (const IfaceDecl &other : sc_.ifaces) {
+        if (other.name == name) return fail("interface " + name + " is declared twice");
+    }
+    d.line = line_;
+    d.name = name;
+    return true;
+}
+
+bool Parser::iface_ra(const std::vector<Tok> &toks) {
+    if (toks.size() != 2) return fail("expected iface-ra <name> <ipv6 prefix>/64");
+    IfaceDecl d;
+    if (!iface_name(toks[0].text, d)) return false;
+    const std::string &t = toks[1].text;
+    const size_t slash = t.find('/');
+    uint8_t bin[16];
+    if (slash == std::string::npos || inet_pton(AF_INET6, t.substr(0, slash).c_str(), bin) != 1) {
+        return fail("expected an IPv6 prefix such as 2001:db8:4::/64, found '" + t + "'");
+    }
+    if (t.substr(slash + 1) != "64") {
+        return fail(
+                "expected a /64 prefix: the kernel forms addresses from /64 prefixes only, "
+                "found '" +
+                t + "'");
+    }
+    if (std::any_of(bin + 8, bin + 16, [](uint8_t b) { return b != 0; })) {
+        return fail("expected a prefix whose last 64 bits are zero, found '" + t + "'");
+    }
+    if (bin[0] == 0xff || (bin[0] == 0xfe && (bin[1] & 0xc0) == 0x80) ||
+        std::all_of(bin, bin + 8, [](uint8_t b) { return b == 0; })) {
+        return fail("expected a global or unique-local prefix, found '" + t + "'");
+    }
+    char text[INET6_ADDRSTRLEN];
+    d.ra_prefix = inet_ntop(AF_INET6, bin, text, sizeof(text));
+    sc_.ifaces.push_back(std::move(d));
+    return true;
+}
+
+bool Parser::iface(const std::vector<Tok> &toks) {
+    if (toks.size() < 2) return fail("expected iface <name> <ipv6 address>[/<prefix length>]...");
+    IfaceDecl d;
+    if (!iface_name(toks[0].text, d)) return false;
     for (size_t i = 1; i < toks.size(); ++i) {
         IfaceAddr a;
         std::string_view t = toks[i].text;
@@ -388,9 +441,6 @@ bool Parser::iface(const std::vector<Tok> &toks) {
             return fail("expected an IPv6 address, found '" + a.addr + "'");
         }
         d.addrs.push_back(a);
-    }
-    for (const IfaceDecl &other : sc_.ifaces) {
-        if (other.name == d.name) return fail("interface " + d.name + " is declared twice");
     }
     sc_.ifaces.push_back(std::move(d));
     return true;
@@ -455,6 +505,9 @@ bool Parser::step(std::string_view keyword, std::string_view rest) {
     }
     if (keyword == "iface") {
         return tokens(rest, toks) && iface(toks);
+    }
+    if (keyword == "iface-ra") {
+        return tokens(rest, toks) && iface_ra(toks);
     }
     if (keyword == "client") {
         if (!tokens(rest, toks)) return false;

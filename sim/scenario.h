@@ -30,6 +30,10 @@ struct PeerRef {
 struct Assign {
     FieldRef field;
     std::vector<uint8_t> value;
+    // A value slaac:IFACE: the address the kernel configures on that
+    // RA-configured interface, written into `value` once it is known
+    // (enter_scenario_netns).
+    std::string slaac;
 };
 
 // A payload written in a step: its record, its length and the fields given.
@@ -91,6 +95,10 @@ struct IfaceDecl {
     int line = 0;
     std::string name;
     std::vector<IfaceAddr> addrs;
+    // iface-ra: the /64 prefix a router on the interface's far end
+    // advertises ("2001:db8:4::"), from which the kernel configures the
+    // address itself; empty for an interface with the addresses given.
+    std::string ra_prefix;
 };
 
 struct Scenario {

@@ -13,9 +13,9 @@
 #include "dati/dati.h"
 #include "entity/datamngr.h"
 #include "pdn/pdn_info.h"
-#include "testkit/testkit.h"
 #include "sim/netns.h"
 #include "sim/sim.h"
+#include "testkit/testkit.h"
 
 namespace {
 
@@ -29,7 +29,7 @@ int run_table(const char *path) {
         return dm::sim::kExitUsage;
     }
     if (!sc.ifaces.empty()) {
-        dm::sim::NetnsResult r = dm::sim::enter_netns(sc.ifaces, error);
+        dm::sim::NetnsResult r = dm::sim::enter_scenario_netns(sc, error);
         if (r != dm::sim::NetnsResult::kOk) {
             std::printf("%s: %s\n", path, error.c_str());
             return r == dm::sim::NetnsResult::kUnprivileged ? kSkipped : dm::sim::kExitEnv;
@@ -51,9 +51,9 @@ namespace dm_test {
 
 const dm::sim::EntityLinks &linked_library() {
     static const dm::sim::EntityLinks links = {datamngr_entity_init,   datamngr_entity_exit,
-                                             datamngr_dati_task_hdl, dati_setup_data_call_resp,
-                                             dati_fail_resp,         dati_radio_power_resp,
-                                             dati_allow_data_resp,   find_pdn_info_by_index};
+                                               datamngr_dati_task_hdl, dati_setup_data_call_resp,
+                                               dati_fail_resp,         dati_radio_power_resp,
+                                               dati_allow_data_resp,   find_pdn_info_by_index};
     return links;
 }
 

@@ -18,8 +18,8 @@
 
 #include "common/seams.h"
 #include "common/tables.h"
-#include "testkit/testkit.h"
 #include "sim/netns.h"
+#include "testkit/testkit.h"
 
 namespace dm_test {
 namespace {
@@ -121,7 +121,8 @@ int run_sweep(int argc, char **argv) {
     std::string error;
     Fresh fresh;
     const std::string both = std::string(kPeersReady) + kFreshRequest;
-    if (sink == nullptr || !dm::sim::parse_scenario("peers ready", kPeersReady, fresh.ready, error) ||
+    if (sink == nullptr ||
+        !dm::sim::parse_scenario("peers ready", kPeersReady, fresh.ready, error) ||
         !dm::sim::parse_scenario("fresh request", kFreshRequest, fresh.request, error) ||
         !dm::sim::parse_scenario("fresh load", both, fresh.both, error)) {
         std::fprintf(stderr, "fault sweep: %s\n", error.c_str());
@@ -138,7 +139,7 @@ int run_sweep(int argc, char **argv) {
         // Each scenario in a namespace of its own where possible, so that
         // none sees the interfaces of the one before.
         if (!sc.ifaces.empty() || geteuid() == 0) {
-            const dm::sim::NetnsResult r = dm::sim::enter_netns(sc.ifaces, error);
+            const dm::sim::NetnsResult r = dm::sim::enter_scenario_netns(sc, error);
             if (r == dm::sim::NetnsResult::kUnprivileged) {
                 std::printf("%s skipped: %s\n", argv[i], error.c_str());
                 ++skipped;

@@ -98,6 +98,7 @@ TEST(Parser, StepsBuildTheirRecordsFieldByFieldOverZeros) {
                            "# comment\n"
                            "client ims_test\n"
                            "iface pdnet4 2001:db8::1/64 2001:db8::2\n"
+                           "iface-ra pdnet5 2001:db8:5:0::/64\n"
                            "send imsm_2 4003 apn=\"my apn\" interface_id=4 sim_id=2 @652:u8=0x7f\n"
                            "send rb1 to dati 4065 text=\"AT\\r\"\n"
                            "send ims_test 4003 len=8 @0=5\n"
@@ -107,7 +108,7 @@ TEST(Parser, StepsBuildTheirRecordsFieldByFieldOverZeros) {
                            sc, err))
             << err;
     ASSERT_EQ(sc.steps.size(), 6u);
-    EXPECT_EQ(sc.steps[0].line, 4);
+    EXPECT_EQ(sc.steps[0].line, 5);
     SetupDataCallReq req;
     ASSERT_EQ(sc.steps[0].payload.build().size(), sizeof(req));
     memcpy(&req, sc.steps[0].payload.build().data(), sizeof(req));
@@ -121,8 +122,10 @@ TEST(Parser, StepsBuildTheirRecordsFieldByFieldOverZeros) {
               std::tuple(-1, 2ul));
     EXPECT_EQ(std::tuple(sc.steps[5].op, sc.steps[5].cid), std::tuple(Op::ExpectPdn, -1));
     EXPECT_EQ(sc.clients, (std::vector<std::string>{"ims_test", "imsm_2"}));
-    ASSERT_EQ(sc.ifaces.size(), 1u);
+    ASSERT_EQ(sc.ifaces.size(), 2u);
     EXPECT_EQ(sc.ifaces[0].addrs.at(1).prefix_len, 64);
+    EXPECT_EQ(std::tuple(sc.ifaces[1].addrs.size(), sc.ifaces[1].ra_prefix),
+              std::tuple(0ul, std::string("2001:db8:5::")));
 }
 
 TEST(Parser, MalformedScenariosAreRefusedNamingTheLineAndWhatWasExpected) {
@@ -145,8 +148,15 @@ TEST(Parser, MalformedScenariosAreRefusedNamingTheLineAndWhatWasExpected) {
             {"expect-pdn 3 owner=7\n", "t.scn:1: owner: expected null or set"},
             {"ril maybe\n", "t.scn:1: expected ril auto | ril off"},
             {"urc +CGEV\\q\n", "t.scn:1: unknown escape \\q"},
-            {"expect-none rb0\niface pdnet4 2001:db8::1\n",
-             "t.scn:2: iface declares an interface before"},
+            {"expect-none rb0\niface-ra pdnet4 2001:db8::/64\n",
+             "t.scn:2: an interface is declared before the run"},
+            {"iface-ra pdnet4 2001:db8::/56\n", "t.scn:1: expected a /64 prefix"},
+            {"iface-ra pdnet4 2001:db8::1/64\n", "t.scn:1: expected a prefix whose last 64 bits"},
+            {"iface-ra pdnet4 fe80::/64\n", "t.scn:1: expected a global or unique-local prefix"},
+            {"iface pdnet4 2001:db8::1\niface-ra pdnet4 2001:db8::/64\n",
+             "t.scn:2: interface pdnet4 is declared twice"},
+            {"iface pdnet4 2001:db8::1\nexpect imsm_0 4048 ipv6_addr=slaac:pdnet4\n",
+             "t.scn:2: ipv6_addr: 'slaac:pdnet4' names no interface declared with iface-ra"},
             {"client rildproxy\n", "t.scn:1: 'rildproxy' names a task"},
             {"# nothing\n", "t.scn:1: the scenario has no steps"}};
     for (auto [text, error] : cases) {

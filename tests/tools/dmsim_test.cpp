@@ -1,15 +1,22 @@
 // dmsim as its users run it: exit statuses, PASS/FAIL lines with file:line,
-// refusals of malformed scenarios, the AT console, and the trace and
-// diagram files.  Every shipped scenario is also a CTest test of its own
+// refusals of malformed scenarios, the AT console and its AT port driven by
+// chat, and the trace and diagram files.  Every shipped scenario is also a CTest test of its own
 // (scenario.<name>).
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <poll.h>
+#include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
+
+#include <csignal>
 
 #include <cstdlib>
 #include <fstream>
 #include <iterator>
 #include <string>
+
+extern char **environ;
 
 namespace {
 
@@ -90,8 +97,11 @@ TEST_F(DmsimTest, UsageScenarioAndEnvironmentErrorsHaveTheirOwnStatus) {
     EXPECT_EQ(r.err.rfind("dmsim: " + bad + ":2: SetupDataCallReq has no field 'cid'", 0), 0u)
             << r.err;
     EXPECT_EQ(r.out, "") << "nothing runs";
-    for (const char *args : {"run", "frobnicate", "run --bogus x.scn", "records Nope"})
+    for (const char *args :
+         {"run", "frobnicate", "run --bogus x.scn", "records Nope", "run --port p"})
         run(args, 2);
+    r = run("at --port " + write("taken", ""), 3);
+    EXPECT_TRUE(has(r.err, "taken exists and is not a link to a pseudo-terminal")) << r.err;
     r = run("run " + write("if.scn", "iface pdnet4 2001:db8::1\nexpect-none rb0\n"), 2);
     EXPECT_TRUE(has(r.err, "if.scn:1: the scenario declares the interface pdnet4"));
     lib_ = write("libfake.so", "not an ELF file");
@@ -174,6 +184,81 @@ TEST_F(DmsimTest, AtConsoleShowsResultsAsATerminalDoesAndDiagnosticsWithLog) {
     const std::string diag = "!! evfw_host: mutex ";
     EXPECT_TRUE(has(r.err, diag)) << r.err;
     EXPECT_TRUE(has(read(trace), diag));
+}
+
+// The AT port as a client nobody here wrote sees it: chat (package ppp), its
+// lines ended by CR, its exit status telling what it found.
+TEST_F(DmsimTest, AtPortServesAModemClientBetweenItsUrcs) {
+    if (std::system("command -v chat >/dev/null") != 0) {
+        GTEST_SKIP() << "chat (Debian package ppp, installed by scripts/deps) is not installed";
+    }
+    std::signal(SIGPIPE, SIG_IGN);
+    const std::string port = dir_ + "/modem";
+    int in[2], out[2];
+    ASSERT_EQ(pipe2(in, O_CLOEXEC) | pipe2(out, O_CLOEXEC), 0);
+    posix_spawn_file_actions_t fa;
+    posix_spawn_file_actions_init(&fa);
+    posix_spawn_file_actions_adddup2(&fa, in[0], 0);
+    posix_spawn_file_actions_adddup2(&fa, out[1], 1);
+    std::string cmd = std::string("exec ") + DMSIM_PATH + " --lib " + lib_ + " at --port " + port;
+    char *argv[] = {const_cast<char *>("sh"), const_cast<char *>("-c"), cmd.data(), nullptr};
+    pid_t pid = 0;
+    ASSERT_EQ(posix_spawn(&pid, "/bin/sh", &fa, nullptr, argv, environ), 0);
+    posix_spawn_file_actions_destroy(&fa);
+    close(in[0]);
+    close(out[1]);
+    FILE *said = fdopen(out[0], "r");
+    char line[512];
+    while (std::fgets(line, sizeof(line), said) != nullptr && !has(line, "serving on " + port)) {
+    }
+    ASSERT_TRUE(has(line, "serving on " + port + " (/dev/pts/")) << line;
+
+    // CRLF, LF and CR line ends; the answers and a URC framed as a modem
+    // frames them, whatever line ends the data manager's texts carry.
+    const int fd = open(port.c_str(), O_RDWR | O_NOCTTY);
+    ASSERT_GE(fd, 0);
+    const std::string two =
+            "AT+CGDCONT=1,\"IP\",\"internet\"\r\nAT@URC=\"+CGEV: ME PDN ACT 1\"\nAT+COPS?\r";
+    ASSERT_EQ(::write(fd, two.data(), two.size()), static_cast<ssize_t>(two.size()));
+    std::string got;
+    pollfd p = {fd, POLLIN, 0};
+    while (!got.ends_with("ERROR\r\n") && poll(&p, 1, 10000) == 1) {
+        const ssize_t n = ::read(fd, line, sizeof(line));
+        if (n <= 0) break;
+        got.append(line, static_cast<size_t>(n));
+    }
+    close(fd);
+    EXPECT_EQ(got, std::string("\r\nOK\r\n") + "\r\nOK\r\n" + "\r\n+CGEV: ME PDN ACT 1\r\n" +
+                           "\r\nERROR\r\n");
+
+    const auto chat = [&](const std::string &script) {
+        const int rc = std::system(
+                ("chat -V -t 10 " + script + " <" + port + " >" + port + " 2>>" + dir_ + "/chat")
+                        .c_str());
+        return WIFEXITED(rc) ? WEXITSTATUS(rc) : -1;
+    };
+    EXPECT_EQ(chat(R"('' 'AT+CGDCONT=1,"IP","internet"' OK AT+CGACT=1,1 '+CGEV: ME PDN ACT 1' )"
+                   R"('\c' OK AT+CGACT? '+CGACT: 10, 0' '\c' OK)"),
+              0);
+    // ERROR ends the script as its first ABORT string: status 4.
+    EXPECT_EQ(chat("ABORT ERROR '' AT+COPS? OK"), 4);
+    // A modem URC typed on dmsim's input, seen between two answers.
+    const std::string urc = "!urc +CGEV: ME PDN ACT 3\n";
+    EXPECT_EQ(::write(in[1], urc.data(), urc.size()), static_cast<ssize_t>(urc.size()));
+    EXPECT_EQ(chat("'+CGEV: ME PDN ACT 3' AT+CGACT? OK"), 0);
+    // The +CGACT? list arrives line by line, without blank lines inside.
+    EXPECT_TRUE(has(read(dir_ + "/chat"), "\n+CGACT: 9, 0\n+CGACT: 10, 0\n\nOK"))
+            << read(dir_ + "/chat");
+
+    EXPECT_EQ(::write(in[1], "!quit\n", 6), 6);
+    close(in[1]);
+    while (std::fgets(line, sizeof(line), said) != nullptr) {
+    }
+    std::fclose(said);
+    int status = -1;
+    ASSERT_EQ(waitpid(pid, &status, 0), pid);
+    EXPECT_EQ(status, 0);
+    EXPECT_NE(access(port.c_str(), F_OK), 0) << "the link goes with the port";
 }
 
 }  // namespace

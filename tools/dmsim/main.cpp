@@ -27,10 +27,11 @@ namespace {
 
 using namespace dm::sim;
 using dmsim::run_console;
+using dmsim::run_port_console;
 
 constexpr const char *kUsage =
         "usage: dmsim [options] run [--netns] [--repeat N] SCENARIO...\n"
-        "       dmsim [options] at\n"
+        "       dmsim [options] at [--port PATH]\n"
         "       dmsim records [RECORD]\n"
         "       dmsim --help\n";
 
@@ -51,6 +52,24 @@ commands:
                    modem terminal shows them.  "!urc <line>" plays a modem URC
                    line, "!quit" or the end of input leaves.  The prompt shows
                    only when standard input is a terminal.
+  at --port PATH   the same console, and an AT port served as a modem serves
+                   it: a pseudo-terminal in raw mode, linked at PATH; the line
+                   "serving on PATH ..." tells that it is ready.  The client's
+                   command lines end in CR (LF and CRLF do too).
+                   Answers and URCs come framed as a modem frames them:
+                   "\r\nOK\r\n", or information lines "\r\n+CGACT: 0, 0\r\n
+                   ...\r\n" and then "\r\nOK\r\n".  URCs reach the client
+                   between answers: "!urc <line>" typed on standard input, or
+                   the data manager's own AT@URC="<line>".  There is no echo.
+                   Lines the data manager forwards to the modem (AT+CFUN?, ...)
+                   get no answer here; the modem answers them on the device.
+                   The port's traffic shows on standard output as port> and
+                   port< lines.  The end of standard input does not close the
+                   port: "!quit", SIGINT, SIGTERM or SIGHUP do, and remove the
+                   link.  Example, with chat (Debian package ppp):
+                     dmsim at --port /tmp/modem &
+                     chat -V -t 5 '' 'AT+CGDCONT=1,"IP","internet"' OK \
+                         AT+CGACT=1,1 OK </tmp/modem >/tmp/modem
   records [RECORD] lists the records that scenarios fill and check by field
                    name, with sizes and offsets.
 
@@ -64,7 +83,16 @@ options:
   --diagram FILE   write the message flow as a Mermaid sequence diagram to FILE
   --netns          (run) run inside a private network namespace that holds
                    the data interfaces the scenario declares (veth pdnetN with
-                   their IPv6 addresses, nodad); needs root
+                   their IPv6 addresses, no duplicate address detection);
+                   needs root.  An interface declared with
+                     iface-ra pdnet4 2001:db8:4::/64
+                   gets its address from the kernel (SLAAC): radvd (package
+                   radvd) advertises the prefix on its far end until the
+                   kernel has configured an address (at most 10 s), and dmsim
+                   then publishes the prefix the kernel learned as the
+                   property net.ipv6.pdnet4.prefix, as the network daemon
+                   does; ipv6_addr=slaac:pdnet4 in a step stands for the
+                   kernel's address
   --unprivileged-exit N
                    exit status when --netns lacks the privileges (default 3;
                    the CTest registration uses 77, CTest's "skipped")
@@ -128,6 +156,7 @@ cannot be written).
 struct Args {
     Options opt;
     int repeat = 1;
+    std::string port;
     std::string command;
     std::vector<std::string> operands;
 };
@@ -228,7 +257,7 @@ int run_file(const std::string &path, const Options &opt, int repeat) {
         return kExitEnv;
     }
     if (opt.netns) {
-        NetnsResult r = enter_netns(sc.ifaces, error);
+        NetnsResult r = enter_scenario_netns(sc, error);
         if (r != NetnsResult::kOk) {
             std::fprintf(stderr, "dmsim: %s: %s\n", path.c_str(), error.c_str());
             return r == NetnsResult::kUnprivileged ? opt.unprivileged_exit : kExitEnv;
@@ -329,7 +358,7 @@ int main(int argc, char **argv) {
             return kExitPass;
         } else if (arg == "--lib" || arg == "--trace" || arg == "--diagram" ||
                    arg == "--unprivileged-exit" || arg == "--repeat" || arg == "--fail" ||
-                   arg == "--thread-linger") {
+                   arg == "--thread-linger" || arg == "--port") {
             const char *v = value();
             if (v == nullptr) return usage_error(arg + " needs a value");
             if (arg == "--lib") {
@@ -338,6 +367,9 @@ int main(int argc, char **argv) {
                 a.opt.trace_path = v;
             } else if (arg == "--diagram") {
                 a.opt.diagram_path = v;
+            } else if (arg == "--port") {
+                if (*v == '\0') return usage_error("--port needs a path for the port's link");
+                a.port = v;
             } else if (arg == "--fail") {
                 std::string error;
                 evfw_host::Runtime &rt = evfw_host::Runtime::instance();
@@ -382,6 +414,7 @@ int main(int argc, char **argv) {
     if (a.command.empty()) return usage_error("expected a command: run, at or records");
     if (a.opt.netns && a.command != "run") return usage_error("--netns goes with run");
     if (a.repeat > 1 && a.command != "run") return usage_error("--repeat goes with run");
+    if (!a.port.empty() && a.command != "at") return usage_error("--port goes with at");
     if (a.command == "run") return run(a);
     if (a.command == "records") return records(a);
     if (a.command == "at") {
@@ -390,6 +423,9 @@ int main(int argc, char **argv) {
             std::fprintf(stderr, "dmsim: the library %s cannot be read: %s (give it with --lib)\n",
                          a.opt.lib.c_str(), std::strerror(errno));
             return kExitEnv;
+        }
+        if (!a.port.empty()) {
+            return run_port_console(a.opt, a.port, isatty(STDIN_FILENO) != 0, stdout);
         }
         return run_console(a.opt, std::cin, isatty(STDIN_FILENO) != 0, stdout);
     }
