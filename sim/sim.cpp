@@ -102,22 +102,18 @@ Sim::~Sim() {
 }
 
 bool Sim::load(std::string &error) {
-    if (deterministic()) {
+    evfw_host::EntityAbi abi;
+    if (opt_.linked != nullptr) {
         links_ = *opt_.linked;
-        evfw_host::EntityAbi abi;
         abi.init = links_.init;
         abi.exit = links_.exit;
         abi.ctx_handlers = {{TASK_DATAMNGR_DATI_HDL, links_.dati_hdl}};
-        if (rt_.load("datamngr", abi) == nullptr) {
-            error = rt_.last_error();
-            return false;
-        }
-        loaded_ = true;
-        rt_.wait_threads(opt_.settle);  // the init thread, at once
-        return true;
     }
-    if (rt_.load_library(opt_.lib, "datamngr", "datamngr_entity_init", "datamngr_entity_exit",
-                         {{TASK_DATAMNGR_DATI_HDL, "datamngr_dati_task_hdl"}}) == nullptr) {
+    if (opt_.linked != nullptr
+                ? rt_.load("datamngr", abi) == nullptr
+                : rt_.load_library(
+                          opt_.lib, "datamngr", "datamngr_entity_init", "datamngr_entity_exit",
+                          {{TASK_DATAMNGR_DATI_HDL, "datamngr_dati_task_hdl"}}) == nullptr) {
         error = rt_.last_error();
         return false;
     }
@@ -130,7 +126,8 @@ bool Sim::load(std::string &error) {
     }
     // The entry points of the very library the runtime loaded: a second
     // dlopen of the same path yields the same object.
-    if (void *dl = dlopen(opt_.lib.c_str(), RTLD_NOW | RTLD_NOLOAD)) {
+    if (void *dl = opt_.linked != nullptr ? nullptr
+                                          : dlopen(opt_.lib.c_str(), RTLD_NOW | RTLD_NOLOAD)) {
         auto sym = [dl](const char *name) { return dlsym(dl, name); };
         links_.dati_setup = reinterpret_cast<EntityLinks::Resp>(sym("dati_setup_data_call_resp"));
         links_.dati_fail = reinterpret_cast<EntityLinks::Resp>(sym("dati_fail_resp"));
@@ -146,6 +143,7 @@ bool Sim::start(const std::vector<std::string> &clients, std::string &error) {
     rt_.reset(deterministic() ? evfw_host::Mode::Deterministic : evfw_host::Mode::Threaded);
     rt_.set_diag_echo(nullptr);
     rt_.set_thread_linger(opt_.thread_linger);
+    if (opt_.wait_limit.count() != 0) rt_.set_wait_limit(opt_.wait_limit);
     for (const std::string &plan : opt_.faults) {
         if (!rt_.add_fault(plan, error)) return false;
     }

@@ -52,8 +52,11 @@ struct Options {
     std::string lib;
     // The library linked into the program instead of loaded by path: it then
     // runs in the deterministic runtime, every step delivered to the end on
-    // the calling thread.
+    // the calling thread, unless `threaded` asks for a thread per task.
     const EntityLinks *linked = nullptr;
+    bool threaded = false;
+    // The runtime's limit of the framework's waits (0: its default).
+    std::chrono::milliseconds wait_limit{0};
     bool log = false;                  // print the library's log lines (logcat style)
     std::string trace_path;            // write the event trace there
     std::string diagram_path;          // write a Mermaid sequence diagram there
@@ -140,7 +143,7 @@ class Sim {
     void deliver_to_at_client(uint32_t answer_id, std::vector<uint8_t> &answer,
                               evfw_event_t *request);
     bool load(std::string &error);
-    bool deterministic() const { return opt_.linked != nullptr; }
+    bool deterministic() const { return opt_.linked != nullptr && !opt_.threaded; }
     std::string check_fields(const Payload &want, const uint8_t *data, size_t len) const;
     std::vector<evfw_host::TraceEntry> unconsumed(uint32_t to, uint32_t event_id);
     std::string describe(const evfw_host::TraceEntry &e) const;

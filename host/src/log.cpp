@@ -99,7 +99,7 @@ std::string Runtime::logcat(const LogLine &line) {
     char head[96];
     snprintf(head, sizeof head, "%s.%03ld %5d %5ld %c ", stamp,
              static_cast<long>(tv.tv_usec / 1000), static_cast<int>(getpid()),
-             static_cast<long>(syscall(SYS_gettid)), prio_letter(line.prio));
+             line.tid, prio_letter(line.prio));
     return std::string(head) + line.tag + ": " + std::string(text);
 }
 
@@ -119,7 +119,8 @@ extern "C" int __android_log_print(int prio, const char *tag, const char *fmt, .
 
     evfw_host::Guard g = evfw_host::lock();
     evfw_host::Logs &l = evfw_host::logs_store();
-    evfw_host::LogLine line{prio, tag != nullptr ? tag : "", std::move(text)};
+    evfw_host::LogLine line{prio, tag != nullptr ? tag : "", std::move(text),
+                            syscall(SYS_gettid)};
     if (l.echo != nullptr) {
         fprintf(l.echo, "%s\n", evfw_host::Runtime::logcat(line).c_str());
         fflush(l.echo);

@@ -1,6 +1,9 @@
 // The trace, the record of framework calls, and the diagnostics.
 #include "record.h"
 
+#include <sys/syscall.h>
+#include <unistd.h>
+
 #include <cinttypes>
 #include <cstdarg>
 #include <cstdio>
@@ -34,7 +37,7 @@ void add_diagnostic(const Guard &g, const char *fmt, va_list ap) {
     char text[512];
     vsnprintf(text, sizeof text, fmt, ap);
     Record &r = record();
-    r.diagnostics.push_back(Diagnostic{r.last_seq, log_count(g), text});
+    r.diagnostics.push_back(Diagnostic{r.last_seq, log_count(g), text, syscall(SYS_gettid)});
     if (r.diag_echo != nullptr) fprintf(r.diag_echo, "evfw_host: %s\n", text);
 }
 

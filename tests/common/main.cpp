@@ -69,6 +69,7 @@ std::string closing_problems() {
 int main(int argc, char **argv) {
     if (argc == 3 && std::strcmp(argv[1], "--scenario") == 0) return run_table(argv[2]);
     if (argc >= 2 && std::strcmp(argv[1], "--sweep") == 0) return dm_test::run_sweep(argc, argv);
+    if (argc >= 2 && std::strcmp(argv[1], "--chaos") == 0) return dm_test::run_chaos(argc, argv);
     ::testing::InitGoogleTest(&argc, argv);
     return RUN_ALL_TESTS();
 }

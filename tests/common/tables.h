@@ -14,6 +14,8 @@ const dm::sim::EntityLinks &linked_library();
 std::string closing_problems();
 // Fails each covered call of each scenario in turn (main.cpp: --sweep).
 int run_sweep(int argc, char **argv);
+// Plays the scenarios threaded with random calls failing (main.cpp: --chaos).
+int run_chaos(int argc, char **argv);
 
 }  // namespace dm_test
 

@@ -78,6 +78,7 @@ struct LogLine {
     int prio = 0;
     std::string tag;
     std::string text;
+    long tid = 0;  // the thread that logged it
 };
 
 // A diagnostic of the runtime itself ("evfw_host: ..."), placed after trace
@@ -86,6 +87,7 @@ struct Diagnostic {
     uint64_t after_seq = 0;
     size_t after_log = 0;
     std::string text;  // without the "evfw_host: " prefix
+    long tid = 0;      // the thread whose call it concerns
 };
 
 struct Subscription {
