@@ -47,13 +47,28 @@ int run_table(const char *path) {
 
 }  // namespace
 
+namespace {
+
+// A reply entry point as the simulator calls it, with the answer's bytes.
+template <typename Record, int32_t (*reply)(const Record *, evfw_event_t *)>
+int32_t reply_with_bytes(void *answer, evfw_event_t *tmpl) {
+    return reply(static_cast<const Record *>(answer), tmpl);
+}
+
+}  // namespace
+
 namespace dm_test {
 
 const dm::sim::EntityLinks &linked_library() {
-    static const dm::sim::EntityLinks links = {datamngr_entity_init,   datamngr_entity_exit,
-                                             datamngr_dati_task_hdl, dati_setup_data_call_resp,
-                                             dati_fail_resp,         dati_radio_power_resp,
-                                             dati_allow_data_resp,   find_pdn_info_by_index};
+    static const dm::sim::EntityLinks links = {
+            datamngr_entity_init,
+            datamngr_entity_exit,
+            datamngr_dati_task_hdl,
+            reply_with_bytes<SetupDataCallResp, dati_setup_data_call_resp>,
+            reply_with_bytes<WordPair, dati_fail_resp>,
+            reply_with_bytes<WordPair, dati_radio_power_resp>,
+            reply_with_bytes<WordPair, dati_allow_data_resp>,
+            find_pdn_info_by_index};
     return links;
 }
 
