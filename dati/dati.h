@@ -36,8 +36,10 @@ struct AtCmdResp {
     uint8_t pad[4];
 };
 static_assert(sizeof(AtCmdResp) == 4120);
+static_assert(offsetof(AtCmdResp, unused) == 8);
 static_assert(offsetof(AtCmdResp, result) == 16);
 static_assert(offsetof(AtCmdResp, text) == 20);
+static_assert(offsetof(AtCmdResp, pad) == 4116);
 
 // Unsolicited result code: to the AT clients (18, 21), from the modem (3006).
 struct AtUrc {
@@ -123,31 +125,47 @@ DM_EXPORT extern uint32_t data_allow_reply_armed;
 // ---- replies to AT clients ----
 DM_EXPORT int32_t dati_dummy_resp(void *reserved, evfw_event_t *template_event, int32_t ok);
 DM_EXPORT int32_t dati_dummy_urc(void *reserved, const char *text, int32_t kind);
-DM_EXPORT int32_t dati_setup_data_call_resp(void *resp, evfw_event_t *template_event);
-DM_EXPORT int32_t dati_deactivate_data_call_resp(void *resp, evfw_event_t *template_event);
-DM_EXPORT int32_t dati_deactivate_data_call_if_resp(void *resp, evfw_event_t *template_event);
-DM_EXPORT int32_t dati_radio_power_resp(void *resp, evfw_event_t *template_event);
-DM_EXPORT int32_t dati_fail_resp(void *resp, evfw_event_t *template_event);
-DM_EXPORT int32_t dati_allow_data_resp(void *resp, evfw_event_t *template_event);
-DM_EXPORT int32_t dati_setup_dedicate_data_call_resp(void *resp, evfw_event_t *template_event);
-DM_EXPORT int32_t dati_modify_data_call_resp(void *resp, evfw_event_t *template_event);
-DM_EXPORT int32_t dati_deactivate_dedicate_data_call_resp(void *resp, evfw_event_t *template_event);
-DM_EXPORT int32_t dati_abort_setup_data_call_resp(void *resp, evfw_event_t *template_event);
-DM_EXPORT int32_t dati_pcscf_discovery_pco_resp(void *resp, evfw_event_t *template_event);
-DM_EXPORT int32_t dati_last_data_call_fail_cause_resp(void *resp, evfw_event_t *template_event);
-DM_EXPORT int32_t dati_data_call_list_resp(void *resp, evfw_event_t *template_event);
-DM_EXPORT int32_t dati_data_call_list_changed_urc(void *ind, evfw_event_t *template_event);
-DM_EXPORT int32_t dati_dedicate_bearer_activated_urc(void *ind, evfw_event_t *template_event);
-DM_EXPORT int32_t dati_dedicate_bearer_modified_urc(void *ind, evfw_event_t *template_event);
-DM_EXPORT int32_t dati_dedicate_bearer_deactivated_urc(void *ind, evfw_event_t *template_event);
+// Each takes the answer (or indication) record of the request of the same
+// name, with the AT request's event as template.
+DM_EXPORT int32_t dati_setup_data_call_resp(const SetupDataCallResp *resp,
+                                            evfw_event_t *template_event);
+DM_EXPORT int32_t dati_deactivate_data_call_resp(const WordPair *resp,
+                                                 evfw_event_t *template_event);
+DM_EXPORT int32_t dati_deactivate_data_call_if_resp(const WordPair *resp,
+                                                    evfw_event_t *template_event);
+DM_EXPORT int32_t dati_radio_power_resp(const WordPair *resp, evfw_event_t *template_event);
+DM_EXPORT int32_t dati_fail_resp(const WordPair *resp, evfw_event_t *template_event);
+DM_EXPORT int32_t dati_allow_data_resp(const WordPair *resp, evfw_event_t *template_event);
+DM_EXPORT int32_t dati_setup_dedicate_data_call_resp(const DedicateSetupResp *resp,
+                                                     evfw_event_t *template_event);
+DM_EXPORT int32_t dati_modify_data_call_resp(const ModifyDataCallResp *resp,
+                                             evfw_event_t *template_event);
+DM_EXPORT int32_t dati_deactivate_dedicate_data_call_resp(const WordPair *resp,
+                                                          evfw_event_t *template_event);
+DM_EXPORT int32_t dati_abort_setup_data_call_resp(const WordPair *resp,
+                                                  evfw_event_t *template_event);
+DM_EXPORT int32_t dati_pcscf_discovery_pco_resp(const PcscfDiscoveryPcoResp *resp,
+                                                evfw_event_t *template_event);
+DM_EXPORT int32_t dati_last_data_call_fail_cause_resp(const LastFailCauseResp *resp,
+                                                      evfw_event_t *template_event);
+DM_EXPORT int32_t dati_data_call_list_resp(const DataCallListInd *resp,
+                                           evfw_event_t *template_event);
+DM_EXPORT int32_t dati_data_call_list_changed_urc(const DataCallListInd *ind,
+                                                  evfw_event_t *template_event);
+DM_EXPORT int32_t dati_dedicate_bearer_activated_urc(const DedicateBearerInd *ind,
+                                                     evfw_event_t *template_event);
+DM_EXPORT int32_t dati_dedicate_bearer_modified_urc(const DedicateBearerInd *ind,
+                                                    evfw_event_t *template_event);
+DM_EXPORT int32_t dati_dedicate_bearer_deactivated_urc(const DedicateBearerDeactInd *ind,
+                                                       evfw_event_t *template_event);
 
 // ---- modem AT commands and URCs ----
-DM_EXPORT int32_t dm_atcmd_req(void *req, evfw_event_t *event);
-DM_EXPORT int32_t dm_atcmd_c2k_req(void *req, evfw_event_t *event);
+DM_EXPORT int32_t dm_atcmd_req(const AtCmdReq *req, evfw_event_t *event);
+DM_EXPORT int32_t dm_atcmd_c2k_req(const AtCmdReq *req, evfw_event_t *event);
 DM_EXPORT void self_trigger_atcmd_req(const char *command);
 DM_EXPORT void self_trigger_c2k_atcmd_req(const char *command);
-DM_EXPORT int32_t dm_atcmd_resp(void *resp, evfw_event_t *event);
-DM_EXPORT int32_t dm_atcmd_urc(void *urc, evfw_event_t *event);
+DM_EXPORT int32_t dm_atcmd_resp(const AtCmdResp *resp, evfw_event_t *event);
+DM_EXPORT int32_t dm_atcmd_urc(const AtUrc *urc, evfw_event_t *event);
 DM_EXPORT int32_t dm_handle_default_urc(char *text, uint32_t kind, uint32_t sim,
                                         evfw_event_t *event);
 DM_EXPORT int32_t default_urc_cgev(char *text, uint32_t kind, uint32_t sim, evfw_event_t *event);

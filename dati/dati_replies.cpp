@@ -94,17 +94,16 @@ int32_t dati_bypass_query_hdl(const DatiAtcEntry *, char *text, evfw_event_t **h
     return 0;
 }
 
-int32_t dati_setup_data_call_resp(void *response, evfw_event_t *template_event) {
+int32_t dati_setup_data_call_resp(const SetupDataCallResp *resp, evfw_event_t *template_event) {
     DatamngrEntity *entity = dati::module_entity();
     if (entity == nullptr) {
         DATI_LOGE("dati_setup_data_call_resp(): dm_entity_priv = NULL!!");
         return -1;
     }
-    if (response == nullptr) {
+    if (resp == nullptr) {
         DATI_LOGE("dati_setup_data_call_resp(): no response!!");
         return -1;
     }
-    const auto *resp = static_cast<const SetupDataCallResp *>(response);
     evfw_event_t *event = evfw_event_alloc(template_event);
     if (event == nullptr) {
         DATI_LOGE("dati_setup_data_call_resp(): no event for the answer!!");
@@ -121,28 +120,28 @@ int32_t dati_setup_data_call_resp(void *response, evfw_event_t *template_event) 
     return 0;
 }
 
-int32_t dati_deactivate_data_call_resp(void *, evfw_event_t *template_event) {
+int32_t dati_deactivate_data_call_resp(const WordPair *, evfw_event_t *template_event) {
     DATI_LOGD("dati_deactivate_data_call_resp(): call dati_dummy_resp()!!");
     return dati_dummy_resp(nullptr, template_event, 1);
 }
 
-int32_t dati_deactivate_data_call_if_resp(void *, evfw_event_t *template_event) {
+int32_t dati_deactivate_data_call_if_resp(const WordPair *, evfw_event_t *template_event) {
     DATI_LOGD("dati_deactivate_data_call_if_resp(): call dati_dummy_resp()!!");
     return dati_dummy_resp(nullptr, template_event, 1);
 }
 
-int32_t dati_radio_power_resp(void *, evfw_event_t *template_event) {
+int32_t dati_radio_power_resp(const WordPair *, evfw_event_t *template_event) {
     DATI_LOGD("dati_radio_power_resp(): call dati_dummy_resp()!!");
     return dati_dummy_resp(nullptr, template_event, 1);
 }
 
-int32_t dati_fail_resp(void *, evfw_event_t *template_event) {
+int32_t dati_fail_resp(const WordPair *, evfw_event_t *template_event) {
     // The text names the setup answer: the failure of a setup is what it reports.
     DATI_LOGD("dati_setup_data_call_resp(): call dati_dummy_resp()!!");
     return dati_dummy_resp(nullptr, template_event, 0);
 }
 
-int32_t dati_allow_data_resp(void *, evfw_event_t *template_event) {
+int32_t dati_allow_data_resp(const WordPair *, evfw_event_t *template_event) {
     DATI_LOGD("dati_allow_data_resp(): call dati_dummy_resp()!!");
     if ((data_allow_reply_armed & 1u) != 0) return dati_dummy_resp(nullptr, template_event, 1);
     // AT+CFUN disarmed the flag: its radio-power answer gives the one result.
@@ -150,57 +149,57 @@ int32_t dati_allow_data_resp(void *, evfw_event_t *template_event) {
     return 0;
 }
 
-int32_t dati_setup_dedicate_data_call_resp(void *, evfw_event_t *) {
+int32_t dati_setup_dedicate_data_call_resp(const DedicateSetupResp *, evfw_event_t *) {
     DATI_LOGD("dati_setup_dedicate_data_call_resp(): in and out!!");
     return 0;
 }
 
-int32_t dati_modify_data_call_resp(void *, evfw_event_t *) {
+int32_t dati_modify_data_call_resp(const ModifyDataCallResp *, evfw_event_t *) {
     DATI_LOGD("dati_modify_data_call_resp(): in and out!!");
     return 0;
 }
 
-int32_t dati_deactivate_dedicate_data_call_resp(void *, evfw_event_t *) {
+int32_t dati_deactivate_dedicate_data_call_resp(const WordPair *, evfw_event_t *) {
     DATI_LOGD("dati_deactivate_dedicate_data_call_resp(): in and out!!");
     return 0;
 }
 
-int32_t dati_abort_setup_data_call_resp(void *, evfw_event_t *) {
+int32_t dati_abort_setup_data_call_resp(const WordPair *, evfw_event_t *) {
     DATI_LOGD("dati_abort_setup_data_call_resp(): in and out!!");
     return 0;
 }
 
-int32_t dati_pcscf_discovery_pco_resp(void *, evfw_event_t *) {
+int32_t dati_pcscf_discovery_pco_resp(const PcscfDiscoveryPcoResp *, evfw_event_t *) {
     DATI_LOGD("dati_pcscf_discovery_pco_resp(): in and out!!");
     return 0;
 }
 
-int32_t dati_last_data_call_fail_cause_resp(void *, evfw_event_t *) {
+int32_t dati_last_data_call_fail_cause_resp(const LastFailCauseResp *, evfw_event_t *) {
     DATI_LOGD("dati_last_data_call_fail_cause_resp(): in and out!!");
     return 0;
 }
 
-int32_t dati_data_call_list_resp(void *, evfw_event_t *) {
+int32_t dati_data_call_list_resp(const DataCallListInd *, evfw_event_t *) {
     DATI_LOGD("dati_data_call_list_resp(): in and out!!");
     return 0;
 }
 
-int32_t dati_data_call_list_changed_urc(void *, evfw_event_t *) {
+int32_t dati_data_call_list_changed_urc(const DataCallListInd *, evfw_event_t *) {
     DATI_LOGD("dati_data_call_list_changed_urc(): in and out!!");
     return 0;
 }
 
-int32_t dati_dedicate_bearer_activated_urc(void *, evfw_event_t *) {
+int32_t dati_dedicate_bearer_activated_urc(const DedicateBearerInd *, evfw_event_t *) {
     DATI_LOGD("dati_dedicate_bearer_activated_urc(): in and out!!");
     return 0;
 }
 
-int32_t dati_dedicate_bearer_modified_urc(void *, evfw_event_t *) {
+int32_t dati_dedicate_bearer_modified_urc(const DedicateBearerInd *, evfw_event_t *) {
     DATI_LOGD("dati_dedicate_bearer_modified_urc(): in and out!!");
     return 0;
 }
 
-int32_t dati_dedicate_bearer_deactivated_urc(void *, evfw_event_t *) {
+int32_t dati_dedicate_bearer_deactivated_urc(const DedicateBearerDeactInd *, evfw_event_t *) {
     DATI_LOGD("dati_dedicate_bearer_deactivated_urc(): in and out!!");
     return 0;
 }

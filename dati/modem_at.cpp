@@ -92,16 +92,15 @@ void post_self_trigger(const char *caller, const char *command, uint32_t event_i
     }
 }
 
-int32_t send_atcmd(const char *caller, void *data, uint32_t task_id) {
-    if (data == nullptr) {
+int32_t send_atcmd(const char *caller, const AtCmdReq *req, uint32_t task_id) {
+    if (req == nullptr) {
         DM_LOGE_AS(caller, "%s no AT command", caller);
         return -1;
     }
-    const auto *req = static_cast<const AtCmdReq *>(data);
     char text[sizeof(req->text) + 1];
     dati::copy_bounded(text, sizeof(text), req->text, sizeof(req->text));
     DM_LOGI_AS(caller, "%s %s", caller, text);
-    return dm_send_to_task_wait_for_event(task_id, req, sizeof(AtCmdReq), nullptr,
+    return dm_send_to_task_wait_for_event(task_id, req, sizeof(*req), nullptr,
                                           EVENT_ATMNGR_ATCMD_REQ, EVENT_ATMNGR_ATCMD_RESP);
 }
 
@@ -133,11 +132,11 @@ size_t dati_atcmd_contexts_alive() {
     return n;
 }
 
-int32_t dm_atcmd_req(void *req, evfw_event_t *) {
+int32_t dm_atcmd_req(const AtCmdReq *req, evfw_event_t *) {
     return send_atcmd(__func__, req, TASK_ATMNGR);
 }
 
-int32_t dm_atcmd_c2k_req(void *req, evfw_event_t *) {
+int32_t dm_atcmd_c2k_req(const AtCmdReq *req, evfw_event_t *) {
     return send_atcmd(__func__, req, TASK_ATMNGR_C2K);
 }
 
@@ -151,12 +150,11 @@ void self_trigger_c2k_atcmd_req(const char *command) {
     post_self_trigger(__func__, command, EVENT_ATMNGR_C2K_ATCMD_REQ);
 }
 
-int32_t dm_atcmd_resp(void *data, evfw_event_t *) {
-    if (data == nullptr) {
+int32_t dm_atcmd_resp(const AtCmdResp *resp, evfw_event_t *) {
+    if (resp == nullptr) {
         DM_LOGE("%s no response", __func__);
         return -1;
     }
-    const auto *resp = static_cast<const AtCmdResp *>(data);
     char text[kAtTextLen + 1];
     dati::copy_bounded(text, sizeof(text), resp->text, sizeof(resp->text));
 
@@ -185,13 +183,12 @@ int32_t dm_atcmd_resp(void *data, evfw_event_t *) {
     return 0;
 }
 
-int32_t dm_atcmd_urc(void *data, evfw_event_t *event) {
+int32_t dm_atcmd_urc(const AtUrc *urc, evfw_event_t *event) {
     const OperatorHooks *hooks = dm_get_operator_hooks();
-    if (data == nullptr) {
+    if (urc == nullptr) {
         DM_LOGE("%s no URC", __func__);
         return 0;
     }
-    const auto *urc = static_cast<const AtUrc *>(data);
     // The modem's text need not end inside its field.
     char text[kAtTextLen + 1];
     dati::copy_bounded(text, sizeof(text), urc->text, sizeof(urc->text));

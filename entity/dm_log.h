@@ -52,10 +52,10 @@ void unbind_tags();
         }                                                                         \
     } while (0)
 
-// A gated line is the rare path: laid out apart from the code around it.
+// A line of a level that dm_debug_lv enables.
 #define DM_LOG_(lv, fn, word, fmt, ...)                                        \
     do {                                                                       \
-        if (__builtin_expect((dm_debug_lv & (lv)) != 0, 0)) {                  \
+        if ((dm_debug_lv & (lv)) != 0) {                                       \
             DM_LOG_AT_(lv, fn, "[" word "] ", fmt __VA_OPT__(, ) __VA_ARGS__); \
         }                                                                      \
     } while (0)

@@ -15,27 +15,46 @@ namespace {
 
 constexpr uint32_t kAwaitedIdLen = sizeof(uint32_t);
 
-// Allocates the event to send from `source` and gives it id and data.
-// Returns null, with the new event left unreleased, when the entity is not
-// initialised.
-evfw_event_t *prepare(const char *caller, const void *data, uint32_t len,
-                      evfw_event_t *source_event, uint32_t task_id, uint32_t event_id) {
+// Sends a new event from the main task to a task: allocated from `source`
+// and given id and data.  With `wait_event_id`, the framework's send-and-wait
+// blocks the calling thread until an event of that id reaches the main task.
+// -1, with the new event left unreleased, when the entity is not initialised.
+int32_t send_to_task(const char *caller, uint32_t task_id, const void *data, uint32_t len,
+                     evfw_event_t *source_event, uint32_t event_id, uint32_t *wait_event_id) {
     evfw_event_t *event = evfw_event_alloc(source_event);
     if (event == nullptr) {
         DM_LOGE_AS(caller, "%s no event for event id %u to task %u", caller, event_id, task_id);
-        return nullptr;
+        return -1;
     }
-    if (dm_entity() == nullptr) {
+    DatamngrEntity *entity = dm_entity();
+    if (entity == nullptr) {
         DM_LOGE_AS(caller, "%s NULL entity pointer", caller);
-        return nullptr;
+        return -1;
     }
-    uint32_t prev_id = event_get_id(source_event);
     event_set_id(event, event_id);
     event_set_data(event, 0, data, len);
+    // The source's id is read only for the line.
     DM_LOGI_AS(caller, "%s task %s(%d) %p, len %d, event prev id %s(%d), event id %s(%d)", caller,
-               context_get_name(task_id), task_id, data, len, event_get_name(prev_id), prev_id,
+               context_get_name(task_id), task_id, data, len,
+               event_get_name(event_get_id(source_event)), event_get_id(source_event),
                event_get_name(event_id), event_id);
-    return event;
+
+    int32_t ret;
+    if (wait_event_id == nullptr) {
+        ret = evfw_task_send_event(&entity->main_task, event, task_id);
+    } else {
+        ret = evfw_task_send_recv_event(&entity->main_task, event, task_id, rx_cond_event_id,
+                                        wait_event_id, kAwaitedIdLen);
+    }
+    if (ret < 0) {
+        DM_LOGE_AS(caller, "%s send event task id %d event id %d to rild fail %d", caller, task_id,
+                   event_id, ret);
+        // A refused send leaves the event with us.  After a send-and-wait
+        // that failed it is not released: the framework may have sent it
+        // before the wait failed.
+        if (wait_event_id == nullptr) evfw_event_free(event);
+    }
+    return ret;
 }
 
 // Sends to the external context the event's route names, or to every
@@ -50,32 +69,13 @@ int32_t send_external(DatamngrEntity *entity, evfw_event_t *event) {
 
 int32_t dm_send_to_task(uint32_t task_id, const void *data, uint32_t len,
                         evfw_event_t *source_event, uint32_t event_id) {
-    evfw_event_t *event = prepare(__func__, data, len, source_event, task_id, event_id);
-    if (event == nullptr) return -1;
-    int32_t ret = evfw_task_send_event(&dm_entity()->main_task, event, task_id);
-    if (ret < 0) {
-        DM_LOGE("%s send event task id %d event id %d to rild fail %d", __func__, task_id, event_id,
-                ret);
-        // A refused send leaves the event with us.
-        evfw_event_free(event);
-    }
-    return ret;
+    return send_to_task(__func__, task_id, data, len, source_event, event_id, nullptr);
 }
 
 int32_t dm_send_to_task_wait_for_event(uint32_t task_id, const void *data, uint32_t len,
                                        evfw_event_t *source_event, uint32_t event_id,
                                        uint32_t wait_event_id) {
-    evfw_event_t *event = prepare(__func__, data, len, source_event, task_id, event_id);
-    if (event == nullptr) return -1;
-    int32_t ret = evfw_task_send_recv_event(&dm_entity()->main_task, event, task_id,
-                                            rx_cond_event_id, &wait_event_id, kAwaitedIdLen);
-    if (ret < 0) {
-        // Not released: the framework may have sent the event before the
-        // wait failed.
-        DM_LOGE("%s send event task id %d event id %d to rild fail %d", __func__, task_id, event_id,
-                ret);
-    }
-    return ret;
+    return send_to_task(__func__, task_id, data, len, source_event, event_id, &wait_event_id);
 }
 
 int32_t dm_req_to_rild(const void *data, uint32_t len, evfw_event_t *source_event,

@@ -1,7 +1,5 @@
 #include "entity/pdn_state.h"
 
-#include <string.h>
-
 #include <array>
 
 #include "entity/dm_log.h"
@@ -26,33 +24,32 @@ void pdn_state_reset() {
     g_pdn_state[kEmergencyPdnId] = kPdnStateInitial;
 }
 
-int32_t datamngr_set_pdn_state(DatamngrEntity *entity, const void *request, PdnStateReply *reply) {
+int32_t datamngr_set_pdn_state(DatamngrEntity *entity, const PdnStateSetReq *request,
+                               PdnStateReply *reply) {
     if (entity == nullptr || request == nullptr || reply == nullptr) {
         DM_LOGE("datamngr_set_pdn_state(): Invalid argument!!");
         return -1;
     }
-    PdnStateSetReq req;
-    memcpy(&req, request, sizeof(req));
-    DM_LOGI("datamngr_set_pdn_state(): (PDN ID, State) = (%d, %d)!!", req.pdn_id, req.state);
-    if (is_kept(req.pdn_id)) {
-        g_pdn_state[req.pdn_id] = req.state;
+    DM_LOGI("datamngr_set_pdn_state(): (PDN ID, State) = (%d, %d)!!", request->pdn_id,
+            request->state);
+    if (is_kept(request->pdn_id)) {
+        g_pdn_state[request->pdn_id] = request->state;
     } else {
         DM_LOGE("datamngr_set_pdn_state(): Invalid request code!!");
     }
     return 0;
 }
 
-int32_t datamngr_get_pdn_state(DatamngrEntity *entity, const void *request, PdnStateReply *reply) {
+int32_t datamngr_get_pdn_state(DatamngrEntity *entity, const PdnStateGetReq *request,
+                               PdnStateReply *reply) {
     if (entity == nullptr || request == nullptr || reply == nullptr) {
         DM_LOGE("datamngr_get_pdn_state(): Invalid argument!!");
         return -1;
     }
-    PdnStateGetReq req;
-    memcpy(&req, request, sizeof(req));
-    DM_LOGI("datamngr_get_pdn_state(): PDN ID = %d!!", req.pdn_id);
-    if (is_kept(req.pdn_id)) {
-        reply->pdn_id = req.pdn_id;
-        reply->state = g_pdn_state[req.pdn_id];
+    DM_LOGI("datamngr_get_pdn_state(): PDN ID = %d!!", request->pdn_id);
+    if (is_kept(request->pdn_id)) {
+        reply->pdn_id = request->pdn_id;
+        reply->state = g_pdn_state[request->pdn_id];
     } else {
         DM_LOGE("datamngr_get_pdn_state(): Invalid request code!!");
     }

@@ -17,6 +17,8 @@ struct PdnStateSetReq {
     uint32_t state;
 };
 static_assert(sizeof(PdnStateSetReq) == 12);
+static_assert(offsetof(PdnStateSetReq, pdn_id) == 4);
+static_assert(offsetof(PdnStateSetReq, state) == 8);
 
 // 4060: 136 bytes; the pdn id is the last word but one.
 struct PdnStateGetReq {
@@ -26,6 +28,7 @@ struct PdnStateGetReq {
 };
 static_assert(sizeof(PdnStateGetReq) == 136);
 static_assert(offsetof(PdnStateGetReq, pdn_id) == 128);
+static_assert(offsetof(PdnStateGetReq, word_132) == 132);
 
 // 4061 (all 12 bytes) and 4059 (its first 8 bytes, zero).
 struct PdnStateReply {
@@ -34,7 +37,10 @@ struct PdnStateReply {
     uint32_t state;
 };
 static_assert(sizeof(PdnStateReply) == 12);
+static_assert(offsetof(PdnStateReply, pdn_id) == 4);
+static_assert(offsetof(PdnStateReply, state) == 8);
 constexpr uint32_t kPdnStateSetReplyLen = 8;
+constexpr uint32_t kPdnStateGetReplyLen = sizeof(PdnStateReply);
 
 constexpr uint32_t kPdnStateInitial = 65540;
 
@@ -43,9 +49,9 @@ void pdn_state_reset();
 
 extern "C" {
 
-DM_EXPORT int32_t datamngr_set_pdn_state(DatamngrEntity *entity, const void *request,
+DM_EXPORT int32_t datamngr_set_pdn_state(DatamngrEntity *entity, const PdnStateSetReq *request,
                                          PdnStateReply *reply);
-DM_EXPORT int32_t datamngr_get_pdn_state(DatamngrEntity *entity, const void *request,
+DM_EXPORT int32_t datamngr_get_pdn_state(DatamngrEntity *entity, const PdnStateGetReq *request,
                                          PdnStateReply *reply);
 
 }  // extern "C"

@@ -35,8 +35,7 @@ int32_t get_interface_id(const char *ifname) {
     return atoi(ifname + kDataIfPrefixLen);
 }
 
-int32_t dm_pass_ims_pdn_req(void *data, evfw_event_t *event) {
-    const auto *req = static_cast<const SetupDataCallReq *>(data);
+int32_t dm_pass_ims_pdn_req(const SetupDataCallReq *req, evfw_event_t *event) {
     dm::FieldText apn(req->apn);
     ImsPdnPassResp resp = {};
     resp.sim_id = req->sim_id;
@@ -68,8 +67,7 @@ int32_t dm_pass_ims_pdn_req(void *data, evfw_event_t *event) {
                                        EVENT_DATAMNGR_PASS_IMS_PDN_RESP);
 }
 
-int32_t dm_get_ims_para_req(void *data, evfw_event_t *event) {
-    const auto *req = static_cast<const ImsParaReq *>(data);
+int32_t dm_get_ims_para_req(const ImsParaReq *req, evfw_event_t *event) {
     DM_LOGI("RILD %s for interface id %d, SIM %d\n", __func__, req->interface_id, req->sim_id);
 
     // The next set-up answer from the RIL is checked against this interface.
@@ -95,8 +93,7 @@ int32_t dm_get_ims_para_req(void *data, evfw_event_t *event) {
                                        EVENT_DATAMNGR_GET_IMS_PARA_RESP);
 }
 
-int32_t dm_get_ims_pdn_req(void *data, evfw_event_t *event) {
-    const auto *req = static_cast<const ImsPdnReq *>(data);
+int32_t dm_get_ims_pdn_req(const ImsPdnReq *req, evfw_event_t *event) {
     dm::FieldText ifname(req->ifname);
     int32_t id = get_interface_id(ifname.c_str());
 

@@ -31,6 +31,7 @@ struct ImsPdnPassResp {
     uint32_t sim_id;
 };
 static_assert(sizeof(ImsPdnPassResp) == 8);
+static_assert(offsetof(ImsPdnPassResp, sim_id) == 4);
 
 // The RIL's request for the IMS parameters (4049).
 struct ImsParaReq {
@@ -38,6 +39,7 @@ struct ImsParaReq {
     uint32_t sim_id;
 };
 static_assert(sizeof(ImsParaReq) == 8);
+static_assert(offsetof(ImsParaReq, sim_id) == 4);
 
 // Answer to it (4050).
 struct ImsParaResp {
@@ -83,18 +85,24 @@ void ims_para_slots_reset();
 
 extern "C" {
 
-DM_EXPORT int32_t dm_pass_ims_pdn_req(void *req, evfw_event_t *event);
-DM_EXPORT int32_t dm_get_ims_para_req(void *req, evfw_event_t *event);
-DM_EXPORT int32_t dm_get_ims_pdn_req(void *req, evfw_event_t *event);
+DM_EXPORT int32_t dm_pass_ims_pdn_req(const SetupDataCallReq *req, evfw_event_t *event);
+DM_EXPORT int32_t dm_get_ims_para_req(const ImsParaReq *req, evfw_event_t *event);
+DM_EXPORT int32_t dm_get_ims_pdn_req(const ImsPdnReq *req, evfw_event_t *event);
 DM_EXPORT int32_t get_interface_id(const char *ifname);
 
 // ---- network indications ----
-DM_EXPORT int32_t dm_data_call_list_changed_urc(void *ind, evfw_event_t *event);
-DM_EXPORT int32_t dm_dedicate_bearer_activated_urc(void *ind, evfw_event_t *event);
-DM_EXPORT int32_t dm_dedicate_bearer_modified_urc(void *ind, evfw_event_t *event);
-DM_EXPORT int32_t dm_dedicate_bearer_deactivated_urc(void *ind, evfw_event_t *event);
+// The data-call list change has its IPv6 address completed in place before
+// it is forwarded.
+DM_EXPORT int32_t dm_data_call_list_changed_urc(DataCallListInd *ind, evfw_event_t *event);
+DM_EXPORT int32_t dm_dedicate_bearer_activated_urc(const DedicateBearerInd *ind,
+                                                   evfw_event_t *event);
+DM_EXPORT int32_t dm_dedicate_bearer_modified_urc(const DedicateBearerInd *ind,
+                                                  evfw_event_t *event);
+DM_EXPORT int32_t dm_dedicate_bearer_deactivated_urc(const DedicateBearerDeactInd *ind,
+                                                     evfw_event_t *event);
 // One routine under three names (noexcept, as everything of the library:
-// the names of one routine carry the same attributes).
+// the names of one routine carry the same attributes).  They read no
+// payload.
 DM_EXPORT int32_t dm_if_status_req(void *req, evfw_event_t *event) noexcept;
 DM_EXPORT int32_t dm_if_rat_cell_info_req(void *req, evfw_event_t *event) noexcept;
 DM_EXPORT int32_t dm_default_bearer_modified_urc(void *ind, evfw_event_t *event) noexcept;

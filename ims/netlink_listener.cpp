@@ -209,14 +209,12 @@ int32_t dm_run_netlink_listener(void) {
     return 0;
 }
 
-int32_t dm_netlink_listen_req(void *data, evfw_event_t *) {
-    if (data == nullptr) {
+int32_t dm_netlink_listen_req(const NetlinkListenReq *req, evfw_event_t *) {
+    if (req == nullptr) {
         DM_LOGE("%s no request\n", __func__);
         return -1;
     }
-    NetlinkListenReq req;
-    memcpy(&req, data, sizeof(req));
-    DM_LOGI("%s type %d\n", __func__, req.type);
+    DM_LOGI("%s type %d\n", __func__, req->type);
     dm_run_netlink_listener();
     return 0;
 }

@@ -35,7 +35,7 @@ extern "C" {
 DM_EXPORT extern const int32_t RTM_NORA;
 
 // Handler form (payload, event): runs the listener on the calling thread.
-DM_EXPORT int32_t dm_netlink_listen_req(void *req, evfw_event_t *event);
+DM_EXPORT int32_t dm_netlink_listen_req(const NetlinkListenReq *req, evfw_event_t *event);
 // -1 when the socket cannot be set up or the dump request not sent;
 // otherwise it does not return.
 DM_EXPORT int32_t dm_run_netlink_listener(void);

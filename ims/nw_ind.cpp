@@ -34,8 +34,7 @@ TaskInfo *default_pdn_owner(const char *fn, uint32_t interface_id) {
 
 }  // namespace
 
-int32_t dm_data_call_list_changed_urc(void *data, evfw_event_t *) {
-    auto *ind = static_cast<DataCallListInd *>(data);
+int32_t dm_data_call_list_changed_urc(DataCallListInd *ind, evfw_event_t *) {
     SetupDataCallResp &resp = ind->resp;
     if (!is_ims_interface(resp.interface_id)) return 0;
 
@@ -50,8 +49,7 @@ int32_t dm_data_call_list_changed_urc(void *data, evfw_event_t *) {
                              static_cast<int32_t>(resp.sim_id));
 }
 
-int32_t dm_dedicate_bearer_activated_urc(void *data, evfw_event_t *) {
-    const auto *ind = static_cast<const DedicateBearerInd *>(data);
+int32_t dm_dedicate_bearer_activated_urc(const DedicateBearerInd *ind, evfw_event_t *) {
     uint32_t interface_id = ind->entry.interface_id;
     // The dedicated bearer's row belongs to whoever owns its default PDN.
     TaskInfo *owner = default_pdn_owner(__func__, interface_id);
@@ -65,8 +63,7 @@ int32_t dm_dedicate_bearer_activated_urc(void *data, evfw_event_t *) {
                              static_cast<int32_t>(ind->sim_id));
 }
 
-int32_t dm_dedicate_bearer_modified_urc(void *data, evfw_event_t *) {
-    const auto *ind = static_cast<const DedicateBearerInd *>(data);
+int32_t dm_dedicate_bearer_modified_urc(const DedicateBearerInd *ind, evfw_event_t *) {
     uint32_t interface_id = ind->entry.interface_id;
     // Looked up for the log only: a modification leaves the table alone.
     (void)default_pdn_owner(__func__, interface_id);
@@ -79,8 +76,7 @@ int32_t dm_dedicate_bearer_modified_urc(void *data, evfw_event_t *) {
                              static_cast<int32_t>(ind->sim_id));
 }
 
-int32_t dm_dedicate_bearer_deactivated_urc(void *data, evfw_event_t *) {
-    const auto *ind = static_cast<const DedicateBearerDeactInd *>(data);
+int32_t dm_dedicate_bearer_deactivated_urc(const DedicateBearerDeactInd *ind, evfw_event_t *) {
     const PdnInfo *row = find_pdn_info_by_cid(ind->cid);
     if (row == nullptr) {
         DM_LOGW("%s unknown PDN cid %d\n", __func__, ind->cid);

@@ -17,8 +17,7 @@ constexpr int32_t kNotFound = -1;
 
 }  // namespace
 
-int32_t dm_bear_req(void *data, evfw_event_t *event) {
-    const auto *query = static_cast<const WordPair *>(data);
+int32_t dm_bear_req(const WordPair *query, evfw_event_t *event) {
     // Any bearer of the cid, dedicated ones included.
     const PdnInfo *row = find_pdn_info_by_cid(static_cast<int32_t>(query->word0));
     DM_LOGI("%s query for cid %u\n", __func__, query->word0);
@@ -35,8 +34,7 @@ int32_t dm_bear_req(void *data, evfw_event_t *event) {
     return dm_resp_to_external_channel(&answer, sizeof(answer), event, EVENT_DATAMNGR_BEAR_RESP);
 }
 
-int32_t dm_get_cid_req(void *data, evfw_event_t *event) {
-    const auto *query = static_cast<const WordPair *>(data);
+int32_t dm_get_cid_req(const WordPair *query, evfw_event_t *event) {
     // Only the default bearer stands for an interface.
     const PdnInfo *row = find_pdn_info_by_interface(static_cast<int32_t>(query->word0));
     DM_LOGI("%s query for interface %u\n", __func__, query->word0);

@@ -16,32 +16,17 @@ constexpr size_t kAddrTextLen = 64;
 constexpr size_t kIpv4Len = 4;
 constexpr size_t kIpv6Len = 16;
 
-// Slots of the caller's record (its owner is outside the data manager); the
-// offsets are the record's own and not all aligned, so they are written as
-// bytes.
-constexpr size_t kIpv4AddrAt = 296;
-constexpr size_t kIpv6AddrAt = 313;
-constexpr size_t kIpv4CountAt = 380;
-constexpr size_t kIpv6CountAt = 384;
-constexpr size_t kIpv4Dns2At = 388;
-constexpr size_t kIpv4Dns3At = 405;
-constexpr size_t kIpv6Dns2At = 422;
-constexpr size_t kIpv6Dns3At = 487;
-static_assert(kIpv6Dns3At + kIpv6Len == kDnsRecordLen);
-
 // Appends `text` within the command buffer.
 void append(char *cmd, const char *text) {
     size_t used = strnlen(cmd, kDnsCmdLen - 1);
     snprintf(cmd + used, kDnsCmdLen - used, "%s", text);
 }
 
-void put(void *record, size_t at, const void *bytes, size_t len) {
-    memcpy(static_cast<uint8_t *>(record) + at, bytes, len);
-}
-
-uint32_t count_at(const void *record, size_t at) {
-    uint32_t count;
-    memcpy(&count, static_cast<const uint8_t *>(record) + at, sizeof(count));
+// Writes `count` into its slot of the record (unaligned: as bytes) and gives
+// the slot's count back, by which the servers are stored.
+uint32_t stored_count(uint8_t (&slot)[sizeof(uint32_t)], uint32_t count) {
+    memcpy(slot, &count, sizeof(count));
+    memcpy(&count, slot, sizeof(count));
     return count;
 }
 
@@ -75,7 +60,7 @@ int32_t append_ipv6_addr(char *cmd, const uint8_t *addr) {
 
 int32_t dm_network_config(const char *ifname, uint32_t is_ipv6, const uint8_t *addr,
                           const uint8_t *dns1, uint32_t dns_count, const uint8_t *dns2,
-                          const uint8_t *dns3, int32_t net_id, void *record) {
+                          const uint8_t *dns3, int32_t net_id, DnsRecord *record) {
     char cmd[kDnsCmdLen] = {};
     DM_LOGI("%s interface %s network id : %d", __func__, ifname != nullptr ? ifname : "", net_id);
     snprintf(cmd, sizeof(cmd), "ndc resolver setnetdns %d", net_id);
@@ -90,11 +75,10 @@ int32_t dm_network_config(const char *ifname, uint32_t is_ipv6, const uint8_t *a
         if (dns_count > 1) append_ipv6_addr(cmd, dns3);
 
         if (record != nullptr) {
-            if (addr != nullptr) put(record, kIpv6AddrAt, addr, kIpv6Len);
-            put(record, kIpv6CountAt, &dns_count, sizeof(dns_count));
-            uint32_t stored = count_at(record, kIpv6CountAt);
-            if (stored != 0 && dns2 != nullptr) put(record, kIpv6Dns2At, dns2, kIpv6Len);
-            if (stored > 1 && dns3 != nullptr) put(record, kIpv6Dns3At, dns3, kIpv6Len);
+            if (addr != nullptr) memcpy(record->ipv6_addr, addr, kIpv6Len);
+            uint32_t stored = stored_count(record->ipv6_dns_count, dns_count);
+            if (stored != 0 && dns2 != nullptr) memcpy(record->ipv6_dns2, dns2, kIpv6Len);
+            if (stored > 1 && dns3 != nullptr) memcpy(record->ipv6_dns3, dns3, kIpv6Len);
         } else {
             DM_LOGE("%s NULL PDN info\n", __func__);
         }
@@ -106,11 +90,10 @@ int32_t dm_network_config(const char *ifname, uint32_t is_ipv6, const uint8_t *a
         if (dns_count > 1) append_ipv4_addr(cmd, dns3);
 
         if (record != nullptr) {
-            if (addr != nullptr) put(record, kIpv4AddrAt, addr, kIpv4Len);
-            put(record, kIpv4CountAt, &dns_count, sizeof(dns_count));
-            uint32_t stored = count_at(record, kIpv4CountAt);
-            if (stored != 0 && dns2 != nullptr) put(record, kIpv4Dns2At, dns2, kIpv4Len);
-            if (stored > 1 && dns3 != nullptr) put(record, kIpv4Dns3At, dns3, kIpv4Len);
+            if (addr != nullptr) memcpy(record->ipv4_addr, addr, kIpv4Len);
+            uint32_t stored = stored_count(record->ipv4_dns_count, dns_count);
+            if (stored != 0 && dns2 != nullptr) memcpy(record->ipv4_dns2, dns2, kIpv4Len);
+            if (stored > 1 && dns3 != nullptr) memcpy(record->ipv4_dns3, dns3, kIpv4Len);
         } else {
             DM_LOGE("%s NULL PDN info\n", __func__);
         }

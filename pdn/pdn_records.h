@@ -114,6 +114,7 @@ struct SetupFailInd {
     uint32_t sim_id;
 };
 static_assert(sizeof(SetupFailInd) == 8);
+static_assert(offsetof(SetupFailInd, sim_id) == 4);
 
 // Acknowledgement of a notify (4064).
 struct SetupAck {
@@ -121,6 +122,7 @@ struct SetupAck {
     uint32_t sim_id;
 };
 static_assert(sizeof(SetupAck) == 8);
+static_assert(offsetof(SetupAck, sim_id) == 4);
 
 // Deactivation (4005, 9316, 9322): word 0 a cid or, after translation, an
 // interface id.
@@ -131,6 +133,7 @@ struct DeactivateReq {
 };
 static_assert(sizeof(DeactivateReq) == 12);
 static_assert(offsetof(DeactivateReq, cause) == 4);
+static_assert(offsetof(DeactivateReq, relayed) == 8);
 
 // Handover request (9318).
 struct HandoverReq {
@@ -140,15 +143,22 @@ struct HandoverReq {
     uint8_t relayed_4[2];
 };
 static_assert(sizeof(HandoverReq) == 6);
+static_assert(offsetof(HandoverReq, relayed_1) == 1);
 static_assert(offsetof(HandoverReq, interface_id) == 3);
+static_assert(offsetof(HandoverReq, relayed_4) == 4);
 
-// Two-word records: radio power and allow-data requests, bearer and cid
-// queries, relayed answers, failure answers.
+// Two-word records: radio power (4032, 4033; word 0 nonzero sends it through
+// the data manager's own queue first) and allow-data (4037) requests, the
+// last-fail-cause (4017) and data-call list (4019) requests, bearer (4041)
+// and cid (4043) queries (word 0 the key), the 8-byte answers (4006, 4012,
+// 4014, 4034 and 4038 relayed back, 4031 and 4053 taken and dropped) and
+// failure answers.
 struct WordPair {
     uint32_t word0;
     uint32_t word1;
 };
 static_assert(sizeof(WordPair) == 8);
+static_assert(offsetof(WordPair, word1) == 4);
 
 // Dedicated-bearer setup answer (4008).
 struct DedicateSetupResp {
@@ -158,7 +168,9 @@ struct DedicateSetupResp {
     uint8_t relayed[4];
 };
 static_assert(sizeof(DedicateSetupResp) == 3968);
+static_assert(offsetof(DedicateSetupResp, word1) == 4);
 static_assert(offsetof(DedicateSetupResp, entry) == 8);
+static_assert(offsetof(DedicateSetupResp, relayed) == 3964);
 
 // Bearer query answer when found (4042); 8 bytes (result, unset) otherwise.
 struct BearResp {
@@ -168,6 +180,7 @@ struct BearResp {
 };
 static_assert(sizeof(BearResp) == 3964);
 static_assert(offsetof(BearResp, entry) == 4);
+static_assert(offsetof(BearResp, unset) == 3960);
 
 // Cid query answer (4044).
 struct CidResp {
@@ -175,6 +188,7 @@ struct CidResp {
     uint32_t cid;
 };
 static_assert(sizeof(CidResp) == 8);
+static_assert(offsetof(CidResp, cid) == 4);
 
 // Dedicated-bearer activated/modified indication (4024, 4025).
 struct DedicateBearerInd {
@@ -193,6 +207,8 @@ struct DedicateBearerDeactInd {
     uint32_t sim_id;
 };
 static_assert(sizeof(DedicateBearerDeactInd) == 12);
+static_assert(offsetof(DedicateBearerDeactInd, cid) == 4);
+static_assert(offsetof(DedicateBearerDeactInd, sim_id) == 8);
 
 // Data-call list answer (4020) and changed indication (4021).
 struct DataCallListInd {
@@ -202,10 +218,71 @@ struct DataCallListInd {
 static_assert(sizeof(DataCallListInd) == 47880);
 static_assert(offsetof(DataCallListInd, resp) == 4);
 
-// Sizes of the records the data manager relays without reading them.
-constexpr size_t kInitialAttachApnLen = 528;
-constexpr size_t kModifyRespLen = 3964;
-constexpr size_t kPcscfRespLen = 268;
-constexpr size_t kFailCauseRespLen = 12;
+// ---- relayed unchanged ----
+// Records of the relayed requests and answers whose bytes the data manager
+// passes between the requester and the RIL without reading them: only their
+// sizes are pinned.
+
+// Dedicated-bearer setup request (4007).
+struct DedicateSetupReq {
+    uint8_t relayed[3956];
+};
+static_assert(sizeof(DedicateSetupReq) == 3956);
+
+// Modify request (4009).
+struct ModifyDataCallReq {
+    uint8_t relayed[3956];
+};
+static_assert(sizeof(ModifyDataCallReq) == 3956);
+
+// Modify answer (4010).
+struct ModifyDataCallResp {
+    uint8_t relayed[3964];
+};
+static_assert(sizeof(ModifyDataCallResp) == 3964);
+
+// Dedicated-bearer deactivation (4011): word 0 the bearer's cid, which the
+// PDN table forgets before the request is relayed.
+struct DedicateDeactReq {
+    uint32_t cid;
+    uint8_t relayed[8];
+};
+static_assert(sizeof(DedicateDeactReq) == 12);
+static_assert(offsetof(DedicateDeactReq, relayed) == 4);
+
+// Setup abort request (4013).
+struct AbortSetupReq {
+    uint8_t relayed[12];
+};
+static_assert(sizeof(AbortSetupReq) == 12);
+
+// P-CSCF discovery request (4015) and its answer (4016).
+struct PcscfDiscoveryPcoReq {
+    uint8_t relayed[12];
+};
+static_assert(sizeof(PcscfDiscoveryPcoReq) == 12);
+
+struct PcscfDiscoveryPcoResp {
+    uint8_t relayed[268];
+};
+static_assert(sizeof(PcscfDiscoveryPcoResp) == 268);
+
+// Last data-call fail cause answer (4018); the request (4017) is a WordPair.
+struct LastFailCauseResp {
+    uint8_t relayed[12];
+};
+static_assert(sizeof(LastFailCauseResp) == 12);
+
+// Initial-attach APN setting (4030).
+struct InitialAttachApnReq {
+    uint8_t relayed[528];
+};
+static_assert(sizeof(InitialAttachApnReq) == 528);
+
+// The same sizes by name, for peers that build the records as bytes.
+constexpr size_t kInitialAttachApnLen = sizeof(InitialAttachApnReq);
+constexpr size_t kModifyRespLen = sizeof(ModifyDataCallResp);
+constexpr size_t kPcscfRespLen = sizeof(PcscfDiscoveryPcoResp);
+constexpr size_t kFailCauseRespLen = sizeof(LastFailCauseResp);
 
 #endif  // PDN_RECORDS_H

@@ -14,10 +14,6 @@ static constexpr dm::log::Module kLogModule = dm::log::Module::Pdn;
 
 namespace {
 
-constexpr uint32_t kWordPairLen = sizeof(WordPair);
-constexpr uint32_t kWordTripleLen = 3 * sizeof(uint32_t);
-constexpr uint32_t kEntryLen = sizeof(DataCallEntry);
-
 int32_t relay(const void *record, uint32_t size, evfw_event_t *event, uint32_t event_id) {
     return dm_req_to_rild(record, size, event, event_id);
 }
@@ -58,12 +54,11 @@ int32_t dm_deliver_answer(const char *op, const void *record, uint32_t size, evf
 
 // ---- dedicated bearers ----
 
-int32_t dm_setup_dedicate_data_call_req(void *req, evfw_event_t *event) {
-    return relay(req, kEntryLen, event, EVENT_DATAMNGR_SETUP_DEDICATE_DATA_CALL_REQ);
+int32_t dm_setup_dedicate_data_call_req(const DedicateSetupReq *req, evfw_event_t *event) {
+    return relay(req, sizeof(*req), event, EVENT_DATAMNGR_SETUP_DEDICATE_DATA_CALL_REQ);
 }
 
-int32_t dm_setup_dedicate_data_call_resp(void *data, evfw_event_t *event) {
-    auto *resp = static_cast<DedicateSetupResp *>(data);
+int32_t dm_setup_dedicate_data_call_resp(const DedicateSetupResp *resp, evfw_event_t *event) {
     TaskInfo *requester = query_task_info(event);
     // The table learns of the bearer whatever the answer says; a cid out of
     // range is reported by the table and the answer still goes out.
@@ -72,108 +67,106 @@ int32_t dm_setup_dedicate_data_call_resp(void *data, evfw_event_t *event) {
                                 EVENT_DATAMNGR_SETUP_DEDICATE_DATA_CALL_RESP);
 }
 
-int32_t dm_modify_data_call_req(void *req, evfw_event_t *event) {
-    return relay(req, kEntryLen, event, EVENT_DATAMNGR_MODIFY_DATA_CALL_REQ);
+int32_t dm_modify_data_call_req(const ModifyDataCallReq *req, evfw_event_t *event) {
+    return relay(req, sizeof(*req), event, EVENT_DATAMNGR_MODIFY_DATA_CALL_REQ);
 }
 
-int32_t dm_modify_data_call_resp(void *resp, evfw_event_t *event) {
-    return dm_deliver_answer(__func__, resp, kModifyRespLen, event,
+int32_t dm_modify_data_call_resp(const ModifyDataCallResp *resp, evfw_event_t *event) {
+    return dm_deliver_answer(__func__, resp, sizeof(*resp), event,
                              EVENT_DATAMNGR_MODIFY_DATA_CALL_RESP);
 }
 
-int32_t dm_deactivate_dedicate_data_call_req(void *data, evfw_event_t *event) {
-    auto *req = static_cast<DeactivateReq *>(data);
+int32_t dm_deactivate_dedicate_data_call_req(const DedicateDeactReq *req, evfw_event_t *event) {
     // The table forgets the bearer before the RIL confirms.
-    clear_pdn_info_by_cid(req->id);
-    return relay(req, kWordTripleLen, event, EVENT_DATAMNGR_DEACTIVATE_DEDICATE_DATA_CALL_REQ);
+    clear_pdn_info_by_cid(req->cid);
+    return relay(req, sizeof(*req), event, EVENT_DATAMNGR_DEACTIVATE_DEDICATE_DATA_CALL_REQ);
 }
 
-int32_t dm_deactivate_dedicate_data_call_resp(void *resp, evfw_event_t *event) {
-    return dm_deliver_answer(__func__, resp, kWordPairLen, event,
+int32_t dm_deactivate_dedicate_data_call_resp(const WordPair *resp, evfw_event_t *event) {
+    return dm_deliver_answer(__func__, resp, sizeof(*resp), event,
                              EVENT_DATAMNGR_DEACTIVATE_DEDICATE_DATA_CALL_RESP);
 }
 
 // ---- setup abort, P-CSCF discovery, last fail cause, data-call list ----
 
-int32_t dm_abort_setup_data_call_req(void *req, evfw_event_t *event) {
-    return relay(req, kWordTripleLen, event, EVENT_DATAMNGR_ABORT_SETUP_DATA_CALL_REQ);
+int32_t dm_abort_setup_data_call_req(const AbortSetupReq *req, evfw_event_t *event) {
+    return relay(req, sizeof(*req), event, EVENT_DATAMNGR_ABORT_SETUP_DATA_CALL_REQ);
 }
 
-int32_t dm_abort_setup_data_call_resp(void *resp, evfw_event_t *event) {
-    return dm_deliver_answer(__func__, resp, kWordPairLen, event,
+int32_t dm_abort_setup_data_call_resp(const WordPair *resp, evfw_event_t *event) {
+    return dm_deliver_answer(__func__, resp, sizeof(*resp), event,
                              EVENT_DATAMNGR_ABORT_SETUP_DATA_CALL_RESP);
 }
 
-int32_t dm_pcscf_discovery_pco_req(void *req, evfw_event_t *event) {
-    return relay(req, kWordTripleLen, event, EVENT_DATAMNGR_PCSCF_DISCOVERY_PCO_REQ);
+int32_t dm_pcscf_discovery_pco_req(const PcscfDiscoveryPcoReq *req, evfw_event_t *event) {
+    return relay(req, sizeof(*req), event, EVENT_DATAMNGR_PCSCF_DISCOVERY_PCO_REQ);
 }
 
-int32_t dm_pcscf_discovery_pco_resp(void *resp, evfw_event_t *event) {
-    return dm_deliver_answer(__func__, resp, kPcscfRespLen, event,
+int32_t dm_pcscf_discovery_pco_resp(const PcscfDiscoveryPcoResp *resp, evfw_event_t *event) {
+    return dm_deliver_answer(__func__, resp, sizeof(*resp), event,
                              EVENT_DATAMNGR_PCSCF_DISCOVERY_PCO_RESP);
 }
 
-int32_t dm_last_data_call_fail_cause_req(void *req, evfw_event_t *event) {
-    return relay(req, kWordPairLen, event, EVENT_DATAMNGR_LAST_DATA_CALL_FAIL_CAUSE_REQ);
+int32_t dm_last_data_call_fail_cause_req(const WordPair *req, evfw_event_t *event) {
+    return relay(req, sizeof(*req), event, EVENT_DATAMNGR_LAST_DATA_CALL_FAIL_CAUSE_REQ);
 }
 
-int32_t dm_last_data_call_fail_cause_resp(void *resp, evfw_event_t *event) {
-    return dm_deliver_answer(__func__, resp, kFailCauseRespLen, event,
+int32_t dm_last_data_call_fail_cause_resp(const LastFailCauseResp *resp, evfw_event_t *event) {
+    return dm_deliver_answer(__func__, resp, sizeof(*resp), event,
                              EVENT_DATAMNGR_LAST_DATA_CALL_FAIL_CAUSE_RESP);
 }
 
-int32_t dm_data_call_list_req(void *req, evfw_event_t *event) {
-    return relay(req, kWordPairLen, event, EVENT_DATAMNGR_DATA_CALL_LIST_REQ);
+int32_t dm_data_call_list_req(const WordPair *req, evfw_event_t *event) {
+    return relay(req, sizeof(*req), event, EVENT_DATAMNGR_DATA_CALL_LIST_REQ);
 }
 
-int32_t dm_data_call_list_resp(void *resp, evfw_event_t *event) {
-    return dm_deliver_answer(__func__, resp, sizeof(DataCallListInd), event,
+int32_t dm_data_call_list_resp(const DataCallListInd *resp, evfw_event_t *event) {
+    return dm_deliver_answer(__func__, resp, sizeof(*resp), event,
                              EVENT_DATAMNGR_DATA_CALL_LIST_RESP);
 }
 
 // ---- radio power and allow-data ----
 
-int32_t dm_radio_power_req(void *data, evfw_event_t *event) {
-    const auto *req = static_cast<const WordPair *>(data);
+int32_t dm_radio_power_req(const WordPair *req, evfw_event_t *event) {
     if (req->word0 != 0) {
         // Goes through the data manager's own queue first, as 4033, and is
         // relayed when the dispatcher hands it back.
-        return dm_req_to_self(req, kWordPairLen, event, EVENT_DATAMNGR_RADIO_POWER_DO_REQ);
+        return dm_req_to_self(req, sizeof(*req), event, EVENT_DATAMNGR_RADIO_POWER_DO_REQ);
     }
-    return relay(req, kWordPairLen, event, EVENT_DATAMNGR_RADIO_POWER_REQ);
+    return relay(req, sizeof(*req), event, EVENT_DATAMNGR_RADIO_POWER_REQ);
 }
 
-int32_t dm_radio_power_do_req(void *req, evfw_event_t *event) {
-    return relay(req, kWordPairLen, event, EVENT_DATAMNGR_RADIO_POWER_REQ);
+int32_t dm_radio_power_do_req(const WordPair *req, evfw_event_t *event) {
+    return relay(req, sizeof(*req), event, EVENT_DATAMNGR_RADIO_POWER_REQ);
 }
 
-int32_t dm_radio_power_resp(void *resp, evfw_event_t *event) {
-    return dm_deliver_answer(__func__, resp, kWordPairLen, event, EVENT_DATAMNGR_RADIO_POWER_RESP);
+int32_t dm_radio_power_resp(const WordPair *resp, evfw_event_t *event) {
+    return dm_deliver_answer(__func__, resp, sizeof(*resp), event, EVENT_DATAMNGR_RADIO_POWER_RESP);
 }
 
-int32_t dm_allow_data_req(void *req, evfw_event_t *event) {
-    return relay(req, kWordPairLen, event, EVENT_DATAMNGR_ALLOW_DATA_REQ);
+int32_t dm_allow_data_req(const WordPair *req, evfw_event_t *event) {
+    return relay(req, sizeof(*req), event, EVENT_DATAMNGR_ALLOW_DATA_REQ);
 }
 
-int32_t dm_allow_data_resp(void *resp, evfw_event_t *event) {
-    return dm_deliver_answer(__func__, resp, kWordPairLen, event, EVENT_DATAMNGR_ALLOW_DATA_RESP);
+int32_t dm_allow_data_resp(const WordPair *resp, evfw_event_t *event) {
+    return dm_deliver_answer(__func__, resp, sizeof(*resp), event, EVENT_DATAMNGR_ALLOW_DATA_RESP);
 }
 
 // ---- answers to the teardown requests ----
 
-int32_t dm_deactivate_data_call_resp(void *resp, evfw_event_t *event) {
-    return dm_deliver_answer(__func__, resp, kWordPairLen, event,
+int32_t dm_deactivate_data_call_resp(const WordPair *resp, evfw_event_t *event) {
+    return dm_deliver_answer(__func__, resp, sizeof(*resp), event,
                              EVENT_DATAMNGR_DEACTIVATE_DATA_CALL_RESP);
 }
 
-int32_t dm_deactivate_data_call_if_resp(void *resp, evfw_event_t *event) {
-    return dm_deliver_answer(__func__, resp, kWordPairLen, event,
+int32_t dm_deactivate_data_call_if_resp(const WordPair *resp, evfw_event_t *event) {
+    return dm_deliver_answer(__func__, resp, sizeof(*resp), event,
                              EVENT_DATAMNGR_DEACTIVATE_DATA_CALL_RESP);
 }
 
 // ---- failure answers ----
 
-int32_t dm_fail_resp(void *resp, evfw_event_t *event) {
+int32_t dm_fail_resp(const WordPair *resp, evfw_event_t *event) {
     // The failure carries the id of the request it fails.
-    return dm_deliver_answer(__func__, resp, kFailRespLen, event, event_get_id(event));
+    return dm_deliver_answer(__func__, resp, sizeof(*resp), event, event_get_id(event));
 }

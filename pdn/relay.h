@@ -5,10 +5,13 @@
 #include <stdint.h>
 
 #include "evfw.h"
+#include "pdn/pdn_records.h"
 
 struct TaskInfo;
 
-constexpr uint32_t kFailRespLen = 8;
+// A payload of this length where a longer one was expected is the peer's
+// failure answer (dm_fail_resp).
+constexpr uint32_t kFailRespLen = sizeof(WordPair);
 
 // Delivers an answer to the task that asked, found by the event's channel:
 // on its external channel (dest 0), dropped as a legacy reply (dest 1, the

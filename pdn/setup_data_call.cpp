@@ -91,8 +91,7 @@ int32_t dm_add_ims_para(SetupDataCallReq *req) {
     return 0;
 }
 
-int32_t dm_setup_data_call_req(void *data, evfw_event_t *event) {
-    auto *req = static_cast<SetupDataCallReq *>(data);
+int32_t dm_setup_data_call_req(SetupDataCallReq *req, evfw_event_t *event) {
     // The SIM byte is followed by three bytes of the record, so the 32-bit
     // read stays inside it.
     (void)is_event_from_imsm(&req->sim_id, event);
@@ -132,8 +131,7 @@ int32_t dm_setup_data_call_req(void *data, evfw_event_t *event) {
     return dm_req_to_rild(req, sizeof(*req), event, EVENT_DATAMNGR_SETUP_DATA_CALL_REQ);
 }
 
-int32_t dm_setup_data_call_resp(void *data, evfw_event_t *event) {
-    auto *resp = static_cast<SetupDataCallResp *>(data);
+int32_t dm_setup_data_call_resp(SetupDataCallResp *resp, evfw_event_t *event) {
     (void)is_event_from_imsm(&resp->sim_id, event);
     TaskInfo *requester = query_task_info(event);
 
@@ -233,13 +231,12 @@ int32_t dm_setup_data_call_resp(void *data, evfw_event_t *event) {
     return 0;
 }
 
-int32_t dm_setup_data_call_resp_notify(void *data, evfw_event_t *event) {
-    dm_setup_data_call_resp(data, event);
-    return send_ack(event, static_cast<SetupDataCallResp *>(data)->sim_id);
+int32_t dm_setup_data_call_resp_notify(SetupDataCallResp *resp, evfw_event_t *event) {
+    dm_setup_data_call_resp(resp, event);
+    return send_ack(event, resp->sim_id);
 }
 
-int32_t dm_setup_data_call_fail_ind(void *data, evfw_event_t *event) {
-    const auto *ind = static_cast<const SetupFailInd *>(data);
+int32_t dm_setup_data_call_fail_ind(const SetupFailInd *ind, evfw_event_t *event) {
     DM_LOGI("%s status %d\n", __func__, ind->status);
     if (rild_req_interface_id == kNoRildReq) {
         DM_LOGE("%s invalid curr req interface id %d\n", __func__, rild_req_interface_id);
@@ -267,8 +264,8 @@ int32_t dm_setup_data_call_fail_ind(void *data, evfw_event_t *event) {
     return 0;
 }
 
-int32_t dm_setup_data_call_resp_fail_notify(void *data, evfw_event_t *event) {
-    dm_setup_data_call_fail_ind(data, event);
+int32_t dm_setup_data_call_resp_fail_notify(const SetupFailInd *ind, evfw_event_t *event) {
+    dm_setup_data_call_fail_ind(ind, event);
     // The failure path has no SIM to report: the word goes out as 0.
     return send_ack(event, 0);
 }

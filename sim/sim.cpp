@@ -129,10 +129,13 @@ bool Sim::load(std::string &error) {
     if (void *dl = opt_.linked != nullptr ? nullptr
                                           : dlopen(opt_.lib.c_str(), RTLD_NOW | RTLD_NOLOAD)) {
         auto sym = [dl](const char *name) { return dlsym(dl, name); };
-        links_.dati_setup = reinterpret_cast<EntityLinks::Resp>(sym("dati_setup_data_call_resp"));
-        links_.dati_fail = reinterpret_cast<EntityLinks::Resp>(sym("dati_fail_resp"));
-        links_.dati_radio_power = reinterpret_cast<EntityLinks::Resp>(sym("dati_radio_power_resp"));
-        links_.dati_allow_data = reinterpret_cast<EntityLinks::Resp>(sym("dati_allow_data_resp"));
+        links_.dati_setup =
+                reinterpret_cast<EntityLinks::SetupResp>(sym("dati_setup_data_call_resp"));
+        links_.dati_fail = reinterpret_cast<EntityLinks::WordResp>(sym("dati_fail_resp"));
+        links_.dati_radio_power =
+                reinterpret_cast<EntityLinks::WordResp>(sym("dati_radio_power_resp"));
+        links_.dati_allow_data =
+                reinterpret_cast<EntityLinks::WordResp>(sym("dati_allow_data_resp"));
         links_.pdn_row = reinterpret_cast<PdnInfo *(*)(int32_t)>(sym("find_pdn_info_by_index"));
         dlclose(dl);  // the runtime's reference keeps it loaded
     }
@@ -335,24 +338,22 @@ void Sim::on_ril(Peer &self, const Received &in) {
 // answered at once by the AT command interface, so its answer gives nothing.
 void Sim::deliver_to_at_client(uint32_t answer_id, std::vector<uint8_t> &answer,
                                evfw_event_t *request) {
-    EntityLinks::Resp fn = nullptr;
-    switch (answer_id) {
-        case EVENT_DATAMNGR_SETUP_DATA_CALL_RESP:
-            if (answer.size() >= sizeof(SetupDataCallResp)) fn = links_.dati_setup;
-            break;
-        case EVENT_DATAMNGR_SETUP_DATA_CALL_FAIL_IND:
-            fn = links_.dati_fail;
-            break;
-        case EVENT_DATAMNGR_RADIO_POWER_RESP:
-            fn = links_.dati_radio_power;
-            break;
-        case EVENT_DATAMNGR_ALLOW_DATA_RESP:
-            fn = links_.dati_allow_data;
-            break;
-        default:
-            break;
+    if (answer_id == EVENT_DATAMNGR_SETUP_DATA_CALL_RESP) {
+        if (links_.dati_setup == nullptr || answer.size() != sizeof(SetupDataCallResp)) return;
+        auto resp = std::make_unique<SetupDataCallResp>();
+        std::memcpy(resp.get(), answer.data(), sizeof(SetupDataCallResp));
+        links_.dati_setup(resp.get(), request);
+        return;
     }
-    if (fn != nullptr) fn(answer.data(), request);
+    EntityLinks::WordResp fn =
+            answer_id == EVENT_DATAMNGR_SETUP_DATA_CALL_FAIL_IND ? links_.dati_fail
+            : answer_id == EVENT_DATAMNGR_RADIO_POWER_RESP       ? links_.dati_radio_power
+            : answer_id == EVENT_DATAMNGR_ALLOW_DATA_RESP        ? links_.dati_allow_data
+                                                                 : nullptr;
+    WordPair words{};
+    if (fn == nullptr || answer.size() != sizeof(words)) return;
+    std::memcpy(&words, answer.data(), sizeof(words));
+    fn(&words, request);
 }
 
 // ---- observation -------------------------------------------------------------------

@@ -21,6 +21,8 @@
 #include "sim/scenario.h"
 
 struct PdnInfo;
+struct SetupDataCallResp;
+struct WordPair;
 
 namespace dm::sim {
 
@@ -35,15 +37,16 @@ enum Exit : int {
 // The library's entry points that the simulator calls.  dmsim resolves them
 // in the shared object it loads; a test program links them in.
 struct EntityLinks {
-    using Resp = int32_t (*)(void *, evfw_event_t *);
+    using SetupResp = int32_t (*)(const SetupDataCallResp *, evfw_event_t *);
+    using WordResp = int32_t (*)(const WordPair *, evfw_event_t *);
     evfw_entity_t *(*init)(evfw_entity_t *) = nullptr;
     evfw_entity_t *(*exit)(evfw_entity_t *) = nullptr;
     evfw_ctx_hdl_t dati_hdl = nullptr;
     // The AT client reply entry points (see Sim::deliver_to_at_client).
-    Resp dati_setup = nullptr;
-    Resp dati_fail = nullptr;
-    Resp dati_radio_power = nullptr;
-    Resp dati_allow_data = nullptr;
+    SetupResp dati_setup = nullptr;
+    WordResp dati_fail = nullptr;
+    WordResp dati_radio_power = nullptr;
+    WordResp dati_allow_data = nullptr;
     // find_pdn_info_by_index: the PDN row of a cid, for expect-pdn.
     PdnInfo *(*pdn_row)(int32_t index) = nullptr;
 };

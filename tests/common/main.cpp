@@ -47,6 +47,8 @@ int run_table(const char *path) {
 
 }  // namespace
 
+namespace {}  // namespace
+
 namespace dm_test {
 
 const dm::sim::EntityLinks &linked_library() {

@@ -44,11 +44,17 @@ class Dati : public DmTest {
         return out;
     }
     // A reply entry point called as the host side does, with a template.
-    void answer(int32_t (*fn)(void *, evfw_event_t *), void *record = nullptr, int32_t ret = 0) {
+    template <typename Record>
+    void answer(int32_t (*fn)(const Record *, evfw_event_t *), const Record *record = nullptr,
+                int32_t ret = 0) {
         evfw_event_t *tmpl = evfw_event_alloc(nullptr);
         EXPECT_EQ(fn(record, tmpl), ret);
         evfw_event_free(tmpl);
         h.pump();
+    }
+    template <typename... Record>
+    void answer_each(int32_t (*...fns)(const Record *, evfw_event_t *)) {
+        (answer(fns), ...);
     }
 };
 
@@ -77,14 +83,12 @@ TEST_F(Dati, ReplyEntryPointsGiveTheirTexts) {
     answer(dati_deactivate_data_call_resp);
     answer(dati_deactivate_data_call_if_resp);
     answer(dati_radio_power_resp);
-    for (auto fn : {dati_setup_dedicate_data_call_resp, dati_modify_data_call_resp,
-                    dati_deactivate_dedicate_data_call_resp, dati_abort_setup_data_call_resp,
-                    dati_pcscf_discovery_pco_resp, dati_last_data_call_fail_cause_resp,
-                    dati_data_call_list_resp, dati_data_call_list_changed_urc,
-                    dati_dedicate_bearer_activated_urc, dati_dedicate_bearer_modified_urc,
-                    dati_dedicate_bearer_deactivated_urc}) {
-        answer(fn);
-    }
+    answer_each(dati_setup_dedicate_data_call_resp, dati_modify_data_call_resp,
+                dati_deactivate_dedicate_data_call_resp, dati_abort_setup_data_call_resp,
+                dati_pcscf_discovery_pco_resp, dati_last_data_call_fail_cause_resp,
+                dati_data_call_list_resp, dati_data_call_list_changed_urc,
+                dati_dedicate_bearer_activated_urc, dati_dedicate_bearer_modified_urc,
+                dati_dedicate_bearer_deactivated_urc);
     evfw_event_t *held = evfw_event_alloc(nullptr);
     char query[] = "AT+EGTYPE?\r";
     EXPECT_EQ(dati_bypass_query_hdl(nullptr, query, &held), 0);

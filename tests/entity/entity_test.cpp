@@ -259,8 +259,9 @@ TEST_F(Entity, SendRoutinesAndServicesReportTheirResults) {
     EXPECT_EQ(dm_notify_to_imsm(&word, 4, 4021, 0), 0);
     evfw_event_free(source);
     PdnStateReply reply = {};
-    EXPECT_EQ(datamngr_set_pdn_state(nullptr, &word, &reply), -1);
-    EXPECT_EQ(datamngr_set_pdn_state(h.entity(), &word, nullptr), -1);
+    PdnStateSetReq set = {};
+    EXPECT_EQ(datamngr_set_pdn_state(nullptr, &set, &reply), -1);
+    EXPECT_EQ(datamngr_set_pdn_state(h.entity(), &set, nullptr), -1);
     EXPECT_EQ(datamngr_get_pdn_state(h.entity(), nullptr, &reply), -1);
     EXPECT_EQ(logged("[DMGR-ERR] datamngr_set_pdn_state(): Invalid argument!!"), 2u);
     EXPECT_EQ(logged("[DMGR-ERR] datamngr_get_pdn_state(): Invalid argument!!"), 1u);

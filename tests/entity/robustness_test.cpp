@@ -22,7 +22,8 @@ std::vector<uint32_t> matrix_ids() {
         dm_expected_length(id, &known);
         if (known) ids.push_back(id);
     }
-    // Unknown ids, among them those just outside the ids found by index.
+    // Unknown ids, among them the ends of the range the bisection works in
+    // (0, UINT32_MAX) and ids in the gaps between known ones.
     for (uint32_t id : {0u, 3999u, 4027u, 4064u, 4070u, 5000u, UINT32_MAX}) ids.push_back(id);
     return ids;
 }

@@ -258,8 +258,8 @@ TEST_F(Ims, NoRaMessageIsCheckedForTypeLengthAndFamily) {
 TEST_F(Ims, ListenRequestRunsTheListenerUntilItEnds) {
     std::string error;
     ASSERT_TRUE(h.rt().add_fault("socket:1-", error)) << error;
-    uint32_t type = 5566;
-    EXPECT_EQ(std::tuple(dm_netlink_listen_req(&type, nullptr),
+    NetlinkListenReq req = {5566};
+    EXPECT_EQ(std::tuple(dm_netlink_listen_req(&req, nullptr),
                          dm_netlink_listen_req(nullptr, nullptr)),
               std::tuple(0, -1));
     EXPECT_EQ(logged("[DMGR-ERR] dm_run_netlink_listener init netlink socket fail\n"), 1u);

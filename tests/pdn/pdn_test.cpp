@@ -162,17 +162,17 @@ TEST_F(Pdn, SetupRequestMarksTheRowOfItsApn) {
 // callers of the library; an answer under an unknown id goes nowhere.
 TEST_F(Pdn, HandlersTellWhetherTheyActed) {
     h.announce_ril();
-    Bytes fail_ind = words(8, {{0, 5}});
-    EXPECT_EQ(dm_setup_data_call_fail_ind(fail_ind.data(), nullptr), -1);
+    SetupFailInd fail_ind = {5, 0};
+    EXPECT_EQ(dm_setup_data_call_fail_ind(&fail_ind, nullptr), -1);
     rild_req_interface_id = 4;
     evfw_event_t *event = evfw_event_alloc(nullptr);
-    EXPECT_EQ(dm_setup_data_call_fail_ind(fail_ind.data(), event), 0);
+    EXPECT_EQ(dm_setup_data_call_fail_ind(&fail_ind, event), 0);
     EXPECT_EQ(rild_req_interface_id, -1);
-    Bytes cid3 = words(12, {{0, 3}}), none = words(12, {{0, UINT32_MAX}});
-    EXPECT_EQ(dm_deactivate_data_call_req(cid3.data(), event), -1);
-    EXPECT_EQ(dm_deactivate_data_call_if_req(none.data(), event), -1);
+    DeactivateReq cid3 = {3, 0, {}}, none = {UINT32_MAX, 0, {}};
+    EXPECT_EQ(dm_deactivate_data_call_req(&cid3, event), -1);
+    EXPECT_EQ(dm_deactivate_data_call_if_req(&none, event), -1);
     up(3, 6, 3);
-    EXPECT_EQ(dm_deactivate_data_call_req(cid3.data(), event), 0);
+    EXPECT_EQ(dm_deactivate_data_call_req(&cid3, event), 0);
     h.clear();
     auto resp = std::make_unique<SetupDataCallResp>();
     resp->active = 1;
@@ -186,7 +186,8 @@ TEST_F(Pdn, HandlersTellWhetherTheyActed) {
     auto bearer = std::make_unique<DedicateBearerInd>();
     bearer->entry.interface_id = 1;
     EXPECT_EQ(dm_dedicate_bearer_activated_urc(bearer.get(), event), 0);
-    EXPECT_EQ(dm_last_data_call_fail_cause_resp(cid3.data(), event), -1);
+    LastFailCauseResp fail_cause = {};
+    EXPECT_EQ(dm_last_data_call_fail_cause_resp(&fail_cause, event), -1);
     evfw_event_free(event);
     EXPECT_EQ(logged("[DMGR-ERR] dm_setup_data_call_resp invalid event 4003\n"), 1u);
     EXPECT_EQ(logged("SETUP DATA CALL"), 0u);
@@ -348,7 +349,7 @@ TEST_P(DnsCases, CommandLineAndRecord) {
     if (c.stores_dns2) memcpy(&want[at[2]], dns[1], len);
     if (c.stores_dns3) memcpy(&want[at[3]], dns[2], len);
     EXPECT_EQ(dm_network_config("pdnet3", c.ipv6, kAddr, dns[0], c.count, dns[1], dns[2], 100,
-                                record.data()),
+                                reinterpret_cast<DnsRecord *>(record.data())),
               0);
     const std::string cmd = std::string("ndc resolver setnetdns 100") + c.servers;
     EXPECT_EQ(calls(), std::vector<std::string>{cmd});
