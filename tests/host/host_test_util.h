@@ -1,6 +1,8 @@
-// Helpers of the runtime's own tests: a fixture that resets the runtime, and
-// a tiny entity with a main task (402) and a framework-installed handler
-// (403), the shape of a real entity's start-up.
+// Helpers of the runtime's own tests: a tiny entity with the shape of a real
+// one's start-up (a mutex, a main task 402 whose handler records what it
+// gets, a task 403 with a framework-installed handler, subscriptions, and a
+// thread that waits for every entity's init), and a fixture that loads it
+// into a fresh runtime.
 #ifndef HOST_TEST_UTIL_H
 #define HOST_TEST_UTIL_H
 
@@ -35,19 +37,6 @@ inline Bytes bytes_of(evfw_event_t *ev) {
     return p != nullptr ? Bytes(p, p + len) : Bytes{};
 }
 
-// What `fn` writes to a FILE.
-template <class Fn>
-std::string printed(Fn fn) {
-    char *buf = nullptr;
-    size_t size = 0;
-    FILE *out = open_memstream(&buf, &size);
-    fn(out);
-    fclose(out);
-    std::string text(buf, size);
-    free(buf);
-    return text;
-}
-
 // The main task's way with a request: it asks the AT manager (3002) and
 // waits for the answer (3004).
 inline int ask_at_manager(evfw_task_t *task) {
@@ -56,9 +45,6 @@ inline int ask_at_manager(evfw_task_t *task) {
                                      4);
 }
 
-// The fake entity: init makes a mutex, tasks 402 and 403, a subscription, a
-// URC subscription, the main handler and a thread that waits for all
-// entities' init; exit undoes it.
 struct FakeEntity {
     evfw_task_t main{}, dati{};
     evfw_mutex_t lock{};
@@ -76,22 +62,6 @@ struct FakeEntity {
         std::lock_guard lk(mu);
         return main_got;
     }
-    static void *main_hdl(evfw_task_t *task, evfw_event_t *event, void *arg) {
-        auto *fe = static_cast<FakeEntity *>(arg);
-        if (fe->exiting) fe->ran_while_exiting = true;
-        std::unique_lock lk(fe->mu);
-        fe->main_got.push_back(event_get_id(event));
-        lk.unlock();
-        fe->on_main ? fe->on_main(task, event) : evfw_event_free(event);
-        return nullptr;
-    }
-    // The started thread waits for all entities' init.
-    static int wait_for_init(void *arg) {
-        auto *fe = static_cast<FakeEntity *>(arg);
-        fe->wait_result = evfw_wait_all_entity_init();
-        fe->saw_init_done = fe->init_done.load();
-        return 0;
-    }
 };
 
 inline FakeEntity *g_fake = nullptr;
@@ -108,9 +78,28 @@ inline evfw_host::EntityAbi fake_abi() {
         evfw_task_init(&f->dati, 41, TASK_DATAMNGR_DATI_HDL);
         evfw_connmngr_common_subscribe(&f->main, EVENT_DATAMNGR_SETUP_DATA_CALL_REQ, 1);
         evfw_atmngr_subscribe_urc(&f->main, "+CGEV", EVENT_ATMNGR_URC, EVFW_URC_MODE_SKIP_CRLF);
-        f->main.set_hdl(&f->main, FakeEntity::main_hdl, f);
+        f->main.set_hdl(
+                &f->main,
+                [](evfw_task_t *task, evfw_event_t *event, void *arg) -> void * {
+                    auto *fe = static_cast<FakeEntity *>(arg);
+                    if (fe->exiting) fe->ran_while_exiting = true;
+                    std::unique_lock lk(fe->mu);
+                    fe->main_got.push_back(event_get_id(event));
+                    lk.unlock();
+                    fe->on_main ? fe->on_main(task, event) : evfw_event_free(event);
+                    return nullptr;
+                },
+                f);
         evfw_thrd_init(&f->thrd);
-        f->thrd.start(&f->thrd, FakeEntity::wait_for_init, f);
+        f->thrd.start(
+                &f->thrd,
+                [](void *arg) {
+                    auto *fe = static_cast<FakeEntity *>(arg);
+                    fe->wait_result = evfw_wait_all_entity_init();
+                    fe->saw_init_done = fe->init_done.load();
+                    return 0;
+                },
+                f);
         f->init_done = true;
         if (!f->fail_init) return e;
         evfw_mutex_exit(&f->lock);
@@ -133,7 +122,7 @@ inline evfw_host::EntityAbi fake_abi() {
     return abi;
 }
 
-// The runtime reset to `mode`, with the fake entity loaded.
+// The runtime reset to `mode`, with the fake entity loaded and three peers.
 class EntityFixture : public ::testing::Test {
   protected:
     explicit EntityFixture(Mode mode = Mode::Deterministic) : mode_(mode) {}
@@ -142,8 +131,10 @@ class EntityFixture : public ::testing::Test {
         rt.set_diag_echo(nullptr);
         g_fake = &fake;
         g_exit_order.clear();
-        entity = rt.load("fake", fake_abi());
-        ASSERT_NE(entity, nullptr) << rt.last_error();
+        ASSERT_NE(rt.load("fake", fake_abi()), nullptr) << rt.last_error();
+        ril = &rt.add_task(TASK_RILDPROXY);
+        at = &rt.add_task(TASK_ATMNGR);
+        ims = &rt.add_client("imsm_0");
     }
     void TearDown() override {
         rt.reset();
@@ -159,7 +150,7 @@ class EntityFixture : public ::testing::Test {
     Runtime &rt = Runtime::instance();
     Mode mode_;
     FakeEntity fake;
-    evfw_entity_t *entity = nullptr;
+    Peer *ril = nullptr, *at = nullptr, *ims = nullptr;
 };
 
 }  // namespace host_test

@@ -18,15 +18,12 @@ class Threaded : public EntityFixture {
     Threaded() : EntityFixture(Mode::Threaded) {}
     void SetUp() override {
         EntityFixture::SetUp();
-        ril = &rt.add_task(TASK_RILDPROXY);
-        at = &rt.add_task(TASK_ATMNGR);
         fake.on_main = [this](evfw_task_t *task, evfw_event_t *ev) {
             main_thread = std::this_thread::get_id();
             if (event_get_id(ev) == 4003) result = ask_at_manager(task);
             evfw_event_free(ev);
         };
     }
-    Peer *ril = nullptr, *at = nullptr;
     std::atomic<int> result{1};
     std::thread::id main_thread, at_thread;
 };
