@@ -17,7 +17,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <android/log.h>
 
 #include <chrono>
 #include <cstring>
@@ -49,23 +48,6 @@ std::vector<std::string> plans_of(uint64_t seed) {
                         "/" + std::to_string(rng() % 100000));
     }
     return plans;
-}
-
-// A failed call whose thread logs next at another level than error.  An
-// absent property is a state the library has defaults for: not an error.
-std::string unlogged_refusals(const Runtime &rt) {
-    const std::vector<evfw_host::LogLine> logs = rt.logs();
-    for (const evfw_host::Diagnostic &d : rt.diagnostics()) {
-        if (!d.text.starts_with("fault plan: ") || d.text.starts_with("fault plan: property_get"))
-            continue;
-        size_t i = d.after_log;
-        while (i < logs.size() && logs[i].tid != d.tid) ++i;
-        if (i == logs.size() || logs[i].prio != ANDROID_LOG_ERROR) {
-            return "'" + d.text + "' not logged as an error (next line of its thread: " +
-                   (i < logs.size() ? logs[i].text : "none") + "); ";
-        }
-    }
-    return "";
 }
 
 // The child's side of one run: 0 healthy, 1 problems (printed), 77 skipped.

@@ -4,6 +4,7 @@
 // when every expectation held and every event is freed, held by the library
 // or one of the prescribed leaks.  `dm_test --sweep FILE...` runs the fault
 // sweep (sweep.cpp).  Without either, the GoogleTest tables run.
+#include <android/log.h>
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -64,6 +65,21 @@ std::string closing_problems() {
     if (const long lists = ifaddrs_outstanding(); lists != 0)
         problems += std::to_string(lists) + " getifaddrs lists not freed; ";
     return problems;
+}
+
+std::string unlogged_refusals(const evfw_host::Runtime &rt) {
+    const std::vector<evfw_host::LogLine> logs = rt.logs();
+    for (const evfw_host::Diagnostic &d : rt.diagnostics()) {
+        if (!d.text.starts_with("fault plan: ") || d.text.starts_with("fault plan: property_get"))
+            continue;
+        size_t i = d.after_log;
+        while (i < logs.size() && logs[i].tid != d.tid) ++i;
+        if (i == logs.size() || logs[i].prio != ANDROID_LOG_ERROR) {
+            return "'" + d.text + "' not logged as an error (next line of its thread: " +
+                   (i < logs.size() ? logs[i].text : "none") + "); ";
+        }
+    }
+    return "";
 }
 
 }  // namespace dm_test

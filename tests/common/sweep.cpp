@@ -14,8 +14,6 @@
 
 #include <cstring>
 
-#include <android/log.h>
-
 #include "common/seams.h"
 #include "common/tables.h"
 #include "sim/netns.h"
@@ -29,12 +27,6 @@ using evfw_host::Runtime;
 
 // Every call the runtime can fail.
 constexpr size_t kCalls = static_cast<size_t>(FaultCall::Count);
-// Its failure must be logged at error level: an absent property is a state
-// the library has defaults for; where the absence is an error, the library's
-// own line says so.
-bool logs_error(FaultCall c) {
-    return c != FaultCall::PropertyGet;
-}
 // Only the entity's init makes it.
 bool at_init(FaultCall c) {
     return c == FaultCall::MutexInit || c == FaultCall::ThrdInit || c == FaultCall::TaskInit;
@@ -52,17 +44,6 @@ struct Outcome {
     bool reached = false, held = false;  // the planned call failed; the expectations held
     std::string problems;
 };
-
-std::string unlogged_failure(const Runtime &rt) {
-    const std::vector<evfw_host::LogLine> logs = rt.logs();
-    for (const evfw_host::Diagnostic &d : rt.diagnostics()) {
-        if (!d.text.starts_with("fault plan: ")) continue;
-        if (d.after_log < logs.size() && logs[d.after_log].prio == ANDROID_LOG_ERROR) return "";
-        return "not logged as an error (next line: " +
-               (d.after_log < logs.size() ? logs[d.after_log].text : "none") + "); ";
-    }
-    return "";
-}
 
 struct Fresh {
     dm::sim::Scenario ready, request, both;
@@ -86,7 +67,7 @@ Outcome run_once(const dm::sim::Scenario &sc, FaultCall call, uint64_t nth, cons
     opt.final_check = [&](dm::sim::Sim &sim) {
         Runtime &rt = sim.rt();
         o.reached = rt.faults(call) != 0;
-        if (o.reached && logs_error(call)) o.problems += unlogged_failure(rt);
+        if (o.reached) o.problems += unlogged_refusals(rt);
         o.problems += closing_problems();
         rt.clear_faults();
         if (o.reached && !at_init(call)) o.problems += serve_fresh(sim, fresh, sink);

@@ -12,6 +12,10 @@ const dm::sim::EntityLinks &linked_library();
 // What a run leaves wrong: events unaccounted for, events freed twice, the
 // dispatcher's event kept, getifaddrs lists not freed.  Empty when nothing.
 std::string closing_problems();
+// A call failed by a fault plan whose thread does not log next at error
+// level: the routine that saw the failure must say so.  An absent property
+// is a state the library has defaults for, not an error.
+std::string unlogged_refusals(const evfw_host::Runtime &rt);
 // Fails each covered call of each scenario in turn (main.cpp: --sweep).
 int run_sweep(int argc, char **argv);
 // Plays the scenarios threaded with random calls failing (main.cpp: --chaos).
