@@ -148,8 +148,12 @@ class Router {
         dir_ = tmpl;
         std::ofstream conf(dir_ + "/radvd.conf");
         for (const Watched &w : watched) {
-            conf << "interface " << w.router << " {\n    AdvSendAdvert on;\n    prefix "
-                 << w.decl->ra_prefix << "/64 {\n        AdvOnLink on;\n"
+            // Advertised every 3 to 4 s (radvd's shortest), so that an
+            // advertisement the kernel missed while busy comes again soon.
+            conf << "interface " << w.router
+                 << " {\n    AdvSendAdvert on;\n    MinRtrAdvInterval 3;\n"
+                 << "    MaxRtrAdvInterval 4;\n    prefix " << w.decl->ra_prefix
+                 << "/64 {\n        AdvOnLink on;\n"
                  << "        AdvAutonomous on;\n    };\n};\n";
         }
         conf.close();

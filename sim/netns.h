@@ -33,7 +33,7 @@ struct Slaac {
 };
 
 // How long advertise() waits for the kernel.
-constexpr std::chrono::seconds kAdvertiseWait{10};
+constexpr std::chrono::seconds kAdvertiseWait{30};
 
 // Runs a router (radvd) on the far end of each RA-configured interface and
 // waits, on route-netlink, until the kernel has configured an address from
