@@ -234,7 +234,7 @@ std::string accounting_problems(const Runtime &rt) {
     const long live = rt.live_events();
     const long held = held_by_library();
     LeakCounter counter;
-    for (const LogLine &line : rt.logs()) counter.see(line);
+    rt.for_each_log([&counter](const LogLine &line) { counter.see(line); });
     const long leaks = counter.total();
     const DatamngrEntity *entity = dm_entity();
     std::string out;

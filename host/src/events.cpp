@@ -136,11 +136,11 @@ evfw_event_t *event_set_data(evfw_event_t *event, size_t offset, const void *dat
         src = own.data();
     }
     try {
-        block.resize(offset + len);  // a gap between the old end and offset reads as zeros
+        block.resize(offset);  // a gap between the old end and offset reads as zeros
+        block.insert(block.end(), src, src + len);
     } catch (const std::bad_alloc &) {
         return nullptr;
     }
-    if (len != 0) memcpy(block.data() + offset, src, len);
     return event;
 }
 

@@ -21,22 +21,13 @@ namespace {
 
 constexpr size_t kCalls = static_cast<size_t>(FaultCall::Count);
 
-constexpr std::array<const char *, kCalls> kNames = {"evfw_event_alloc",
-                                                     "evfw_task_send_event",
-                                                     "evfw_context_common_send",
-                                                     "evfw_task_bcast_ext_event",
-                                                     "evfw_task_send_recv_event",
-                                                     "evfw_mutex_init",
-                                                     "evfw_thrd_init",
-                                                     "evfw_task_init",
-                                                     "property_get",
-                                                     "getifaddrs",
-                                                     "if_indextoname",
-                                                     "socket",
-                                                     "bind",
-                                                     "send",
-                                                     "recv",
-                                                     "system"};
+// clang-format off
+constexpr std::array<const char *, kCalls> kNames = {
+        "evfw_event_alloc", "evfw_task_send_event", "evfw_context_common_send",
+        "evfw_task_bcast_ext_event", "evfw_task_send_recv_event", "evfw_mutex_init",
+        "evfw_thrd_init", "evfw_task_init", "property_get", "getifaddrs", "if_indextoname",
+        "socket", "bind", "send", "recv", "system"};
+// clang-format on
 
 struct Plan {
     FaultCall call;

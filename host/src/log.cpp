@@ -6,6 +6,7 @@
 #include <sys/time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
@@ -71,6 +72,11 @@ std::vector<LogLine> Runtime::logs() const {
     return logs_store().lines;
 }
 
+void Runtime::for_each_log(const std::function<void(const LogLine &)> &visit) const {
+    Guard g = lock();
+    for (const LogLine &line : logs_store().lines) visit(line);
+}
+
 void Runtime::clear_logs() {
     Guard g = lock();
     logs_store().lines.clear();
@@ -98,8 +104,8 @@ std::string Runtime::logcat(const LogLine &line) {
     while (!text.empty() && (text.back() == '\n' || text.back() == '\r')) text.remove_suffix(1);
     char head[96];
     snprintf(head, sizeof head, "%s.%03ld %5d %5ld %c ", stamp,
-             static_cast<long>(tv.tv_usec / 1000), static_cast<int>(getpid()),
-             line.tid, prio_letter(line.prio));
+             static_cast<long>(tv.tv_usec / 1000), static_cast<int>(getpid()), line.tid,
+             prio_letter(line.prio));
     return std::string(head) + line.tag + ": " + std::string(text);
 }
 
@@ -107,20 +113,25 @@ std::string Runtime::logcat(const LogLine &line) {
 
 extern "C" int __android_log_print(int prio, const char *tag, const char *fmt, ...) {
     if (fmt == nullptr) return -EINVAL;
+    // Formatted once into a buffer that nearly every line fits; a longer
+    // line again, whole.
+    char buf[1024];
     va_list ap;
     va_start(ap, fmt);
-    const int n = vsnprintf(nullptr, 0, fmt, ap);
+    const int n = vsnprintf(buf, sizeof buf, fmt, ap);
     va_end(ap);
     if (n < 0) return -EINVAL;
-    std::string text(static_cast<size_t>(n), '\0');
-    va_start(ap, fmt);
-    vsnprintf(text.data(), text.size() + 1, fmt, ap);
-    va_end(ap);
+    std::string text(buf, std::min<size_t>(static_cast<size_t>(n), sizeof buf - 1));
+    if (static_cast<size_t>(n) >= sizeof buf) {
+        text.resize(static_cast<size_t>(n));
+        va_start(ap, fmt);
+        vsnprintf(text.data(), text.size() + 1, fmt, ap);
+        va_end(ap);
+    }
 
     evfw_host::Guard g = evfw_host::lock();
     evfw_host::Logs &l = evfw_host::logs_store();
-    evfw_host::LogLine line{prio, tag != nullptr ? tag : "", std::move(text),
-                            syscall(SYS_gettid)};
+    evfw_host::LogLine line{prio, tag != nullptr ? tag : "", std::move(text), syscall(SYS_gettid)};
     if (l.echo != nullptr) {
         fprintf(l.echo, "%s\n", evfw_host::Runtime::logcat(line).c_str());
         fflush(l.echo);
