@@ -165,9 +165,9 @@ int main(int argc, char **argv) {
     const long rss_growth = rss_last - rss_first, heap_growth = heap_last - heap_first;
     const bool ok = rss_growth < kLimitKib && heap_growth < kLimitKib;
     std::printf(
-            "Resident size grew by %ld KiB and the heap in use by %ld KiB from the first "
-            "thousand bring-ups to the last (peak %ld KiB): %s.\n",
-            rss_growth, heap_growth, status_kib("VmHWM"),
+            "Over %ld IMS PDN bring-ups the resident size grew by %ld KiB and the heap in use "
+            "by %ld KiB, from the first thousand to the last (peak %ld KiB): %s.\n",
+            repeats, rss_growth, heap_growth, status_kib("VmHWM"),
             ok ? "under 16 KiB" : "16 KiB or more, FAILED");
     return ok ? 0 : 1;
 }
