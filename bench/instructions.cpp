@@ -1,35 +1,42 @@
-// The instruction-count report of scripts/bench --instructions: reads the
-// callgrind dumps that `dm_bench --instructions N` left (one per collection
-// window, named by the window) and splits each window's instructions by
-// owner.  Counts, unlike times, repeat exactly from run to run.
+// Instructions and heap allocations per event, from callgrind.
 //
-// Owner of a function: the host runtime when it lies in libevfw_host.so; the
-// library when its source file is under entity/, pdn/, ims/ or dati/; the
-// harness (the peers' flows, the test kit) under bench/ or testkit/.  What
-// else runs (the C and C++ libraries, templates instantiated from system
-// headers) belongs to whoever called it: a call's inclusive cost from an
-// owned function into such code is added to the caller's owner.
-#include <dirent.h>
+// `dm_bench --instructions N` runs, under valgrind's callgrind (strings and
+// positions not compressed), each path's floor and the path with log off and
+// on, N events each, and dumps the counts of each such window under its name
+// (PREFIX.1, PREFIX.2, ...).  `--instructions-report N PREFIX` reads them
+// and splits each window by owner:
+//  - the library: functions whose source file is under entity/, pdn/, ims/
+//    or dati/;
+//  - the runtime: functions of libevfw_host.so;
+//  - the harness: bench/ and testkit/;
+//  - anything else (the C and C++ libraries, templates of system headers)
+//    counts for whoever called it: the inclusive cost of a call from an
+//    owned function into such code is added to the caller's owner.
+// A heap allocation is a call into malloc, calloc, realloc or operator new;
+// it counts for the owner of the function that made the call.
+// Instruction counts repeat from run to run, unlike times.
+#include <valgrind/callgrind.h>
 
 #include <cctype>
 #include <cstdio>
+#include <cstdlib>
 #include <fstream>
 #include <map>
+#include <numeric>
 #include <sstream>
-#include <string>
-#include <vector>
 
 #include "bench/bench.h"
 
 namespace bench {
 namespace {
 
-enum Owner { kLibrary, kRuntime, kHarness, kCaller, kOwners };
+enum Owner { kLibrary, kRuntime, kHarness, kOther, kOwners };
 
 struct Counts {
-    double by[kOwners] = {};
-    double total = 0;  // the whole window
-    double lines = 0;  // log lines per event
+    double ir[kOwners] = {};
+    double allocs[kOwners] = {};
+    double total = 0;  // every instruction of the window
+    double lines = 0;  // log lines per event, from the window's name
 };
 
 Owner owner_of(const std::string &object, const std::string &file) {
@@ -41,73 +48,58 @@ Owner owner_of(const std::string &object, const std::string &file) {
     for (const char *dir : {"/bench/", "/testkit/"}) {
         if (file.rfind(src + dir, 0) == 0) return kHarness;
     }
-    return kCaller;
+    return kOther;
 }
 
-// "(id) name" defines a compressed name, "(id)" refers to it.
-std::string expand(std::map<std::string, std::string> &names, const std::string &value) {
-    if (value.empty() || value[0] != '(') return value;
-    const size_t close = value.find(')');
-    const std::string id = value.substr(0, close + 1);
-    if (close + 1 < value.size()) names[id] = value.substr(close + 2);
-    return names[id];
+bool allocates(const std::string &function) {
+    const std::string name = function.substr(0, function.find_first_of("@'"));
+    return name == "malloc" || name == "calloc" || name == "realloc" ||
+           name.rfind("operator new", 0) == 0;
 }
 
-double cost_of(const std::string &line) {
-    std::istringstream in(line);
-    std::string position;
-    double ir = 0;
-    in >> position >> ir;
-    return ir;
-}
-
-// One dump: the window's name and its instructions by owner.
-bool read_dump(const std::string &path, std::string &window, Counts &counts) {
+// One dump: the window's name and its counts.
+bool read_dump(const std::string &path, std::string &window, Counts &c) {
     std::ifstream in(path);
-    std::map<std::string, std::string> objects, files, functions;
-    std::string object, file, callee_object, callee_file, line;
-    Owner current = kCaller;
-    bool in_call = false;
+    window.clear();
+    std::string object, file, function, callee_object, callee_file, callee, line;
+    Owner owner = kOther;
+    bool after_calls = false;  // the next cost line is a call's inclusive cost
     while (std::getline(in, line)) {
         const size_t eq = line.find('=');
-        const std::string key = eq != std::string::npos ? line.substr(0, eq) : "";
+        const std::string key = line.substr(0, eq);
         const std::string value = eq != std::string::npos ? line.substr(eq + 1) : "";
         if (line.rfind("desc: Trigger: Client Request: ", 0) == 0) {
             window = line.substr(31);
         } else if (key == "ob") {
-            object = expand(objects, value);
+            object = value;
         } else if (key == "fl") {
-            file = expand(files, value);
-        } else if (key == "fi" || key == "fe") {
-            expand(files, value);  // inlined code: the function stays its own
+            file = value;
         } else if (key == "fn") {
-            expand(functions, value);
-            current = owner_of(object, file);
+            function = value;
+            owner = owner_of(object, file);
             callee_object = object;
             callee_file = file;
         } else if (key == "cob") {
-            callee_object = expand(objects, value);
+            callee_object = value;
         } else if (key == "cfi" || key == "cfl") {
-            callee_file = expand(files, value);
+            callee_file = value;
         } else if (key == "cfn") {
-            expand(functions, value);
+            callee = value;
         } else if (key == "calls") {
-            in_call = true;
+            if (allocates(callee) && !allocates(function)) c.allocs[owner] += std::stod(value);
+            after_calls = true;
         } else if (!line.empty() && (std::isdigit(static_cast<unsigned char>(line[0])) ||
                                      line[0] == '+' || line[0] == '-' || line[0] == '*')) {
-            const double ir = cost_of(line);
-            if (!in_call) {
-                if (current != kCaller) counts.by[current] += ir;
-            } else {
-                if (current != kCaller && owner_of(callee_object, callee_file) == kCaller) {
-                    counts.by[current] += ir;
-                }
-                in_call = false;
-                callee_object = object;
-                callee_file = file;
-            }
-        } else if (line.rfind("totals: ", 0) == 0 || line.rfind("summary: ", 0) == 0) {
-            counts.total = std::stod(line.substr(line.find(' ') + 1));
+            std::istringstream fields(line);
+            std::string position;
+            double ir = 0;
+            fields >> position >> ir;
+            if (!after_calls || owner_of(callee_object, callee_file) == kOther) c.ir[owner] += ir;
+            after_calls = false;
+            callee_object = object;
+            callee_file = file;
+        } else if (line.rfind("summary: ", 0) == 0 || line.rfind("totals: ", 0) == 0) {
+            c.total = std::stod(line.substr(line.find(' ') + 1));
         }
     }
     return !window.empty();
@@ -115,54 +107,80 @@ bool read_dump(const std::string &path, std::string &window, Counts &counts) {
 
 }  // namespace
 
-bool report_instructions(const std::string &dir, int iterations) {
-    std::map<std::string, Counts> windows;
-    if (DIR *d = opendir(dir.c_str())) {
-        while (dirent *e = readdir(d)) {
-            const std::string name = e->d_name;
-            if (name.rfind("callgrind.out", 0) != 0) continue;
-            std::string window;
-            Counts counts;
-            if (!read_dump(dir + "/" + name, window, counts)) continue;
-            if (const size_t at = window.find(" lines="); at != std::string::npos) {
-                counts.lines = std::stod(window.substr(at + 7));
-                window.resize(at);
+void count_windows(int events) {
+    auto window = [events](const std::string &name, auto one) {
+        CALLGRIND_ZERO_STATS;
+        for (int i = 0; i < events; ++i) one();
+        CALLGRIND_DUMP_STATS_AT(name.c_str());
+    };
+    for (const Path &p : paths()) {
+        Floor floor = p.floor;
+        window(std::string("floor/") + p.name, [&floor] { floor.once(); });
+        for (bool log_on : {false, true}) {
+            Harness h;
+            Event event;
+            size_t lines = 0;
+            const std::string why = prepare(h, p, log_on, event, lines);
+            if (!why.empty()) {
+                std::fprintf(stderr, "%s: %s\n", p.name, why.c_str());
+                std::exit(1);
             }
-            windows[window] = counts;
+            // The window's name carries the log lines of one event, for the report.
+            window(std::string(p.name) + (log_on ? "/log_on" : "/log_off") +
+                           " lines=" + std::to_string(lines),
+                   [&] { one_event(h, event); });
+            finish(event);
         }
-        closedir(d);
     }
-    if (windows.empty()) return false;
-    const double n = iterations;
-    std::printf("%-24s %9s %9s %8s %9s %8s %9s %9s %6s %9s\n", "path", "floor", "library", "lib/fl",
-                "runtime", "rt/fl", "lib (on)", "rt (on)", "lines", "per line");
-    for (const auto &[window, floor] : windows) {
-        if (window.rfind("floor/", 0) != 0) continue;
-        const std::string path = window.substr(6);
-        const auto off = windows.find(path + "/log_off");
-        const auto on = windows.find(path + "/log_on");
-        if (off == windows.end() || on == windows.end()) continue;
-        const double fl = floor.total / n;
-        const Counts &o = off->second;
-        const Counts &l = on->second;
-        const double extra = l.lines - o.lines;
-        const double per_line =
-                extra > 0 ? (l.by[kLibrary] + l.by[kRuntime] - o.by[kLibrary] - o.by[kRuntime]) /
-                                    n / extra
-                          : 0;
-        std::printf("%-24s %9.0f %9.0f %8.2f %9.0f %8.2f %9.0f %9.0f %3.0f/%-2.0f %9.0f\n",
-                    path.c_str(), fl, o.by[kLibrary] / n, o.by[kLibrary] / n / fl,
-                    o.by[kRuntime] / n, o.by[kRuntime] / n / fl, l.by[kLibrary] / n,
-                    l.by[kRuntime] / n, l.lines, o.lines, per_line);
+}
+
+bool report_instructions(const std::string &prefix, int events) {
+    std::map<std::string, Counts> windows;
+    std::string window;
+    Counts c;
+    for (int i = 1; read_dump(prefix + "." + std::to_string(i), window, c); ++i, c = Counts{}) {
+        if (const size_t at = window.find(" lines="); at != std::string::npos) {
+            c.lines = std::stod(window.substr(at + 7));
+            window.resize(at);
+        }
+        windows[window] = c;
     }
+    const double n = events;
+    double worst = 0;
+    std::string worst_path, library_allocs;
     std::printf(
-            "  instructions per event (callgrind, %d events a window): library = the data\n"
-            "  manager's code and the C library calls it makes (its copies); runtime = the\n"
-            "  host runtime's, with its C library calls (log lines are formatted there, as\n"
-            "  liblog does on the phone); floor = the path's copies alone; log off unless\n"
-            "  \"(on)\" (dm_debug_lv 15); lines = log lines per event, on/off (the AT command\n"
-            "  interface's are never gated); per line = what each extra line costs\n",
-            iterations);
+            "| path | floor | library | library / floor | runtime | library, log on | "
+            "runtime, log on | lines on/off | per line | library allocations off/on | "
+            "all allocations off/on |\n|---|---:|---:|---:|---:|---:|---:|---:|---:|---:|---:|\n");
+    for (const Path &p : paths()) {
+        const Counts &o = windows[std::string(p.name) + "/log_off"];
+        const Counts &l = windows[std::string(p.name) + "/log_on"];
+        const double fl = windows[std::string("floor/") + p.name].total / n;
+        if (fl == 0 || o.total == 0 || l.total == 0) return false;
+        const double ratio = o.ir[kLibrary] / n / fl;
+        std::printf("| %s | %.0f | %.0f | %.2f | %.0f | %.0f | %.0f | %.0f/%.0f |", p.label, fl,
+                    o.ir[kLibrary] / n, ratio, o.ir[kRuntime] / n, l.ir[kLibrary] / n,
+                    l.ir[kRuntime] / n, l.lines, o.lines);
+        if (l.lines > o.lines) {
+            const double extra = l.ir[kLibrary] + l.ir[kRuntime] - o.ir[kLibrary] - o.ir[kRuntime];
+            std::printf(" %.0f |", extra / n / (l.lines - o.lines));
+        } else {
+            std::printf(" – |");
+        }
+        std::printf(" %g/%g | %g/%g |\n", o.allocs[kLibrary] / n, l.allocs[kLibrary] / n,
+                    std::accumulate(o.allocs, o.allocs + kOwners, 0.0) / n,
+                    std::accumulate(l.allocs, l.allocs + kOwners, 0.0) / n);
+        if (ratio > worst) {
+            worst = ratio;
+            worst_path = p.label;
+        }
+        if (o.allocs[kLibrary] + l.allocs[kLibrary] > 0)
+            library_allocs += std::string(" ") + p.name;
+    }
+    std::printf("\nLibrary against its floor: at most %.2f (%s), %s.\n", worst, worst_path.c_str(),
+                worst <= 2.5 ? "within 2.5 on every path" : "ABOVE 2.5");
+    std::printf("Heap allocations by the library: %s.\n",
+                library_allocs.empty() ? "none on any path" : ("on" + library_allocs).c_str());
     return true;
 }
 
