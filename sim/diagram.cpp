@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "sim/errno_text.h"
 #include "sim/sim.h"
 
 namespace dm::sim {
@@ -55,7 +56,7 @@ bool write_diagram(const std::vector<evfw_host::TraceEntry> &trace, const std::s
     }
     FILE *f = std::fopen(path.c_str(), "w");
     if (f == nullptr) {
-        error = "cannot write the diagram to " + path + ": " + std::strerror(errno);
+        error = "cannot write the diagram to " + path + ": " + errno_text(errno);
         return false;
     }
     bool ok = std::fputs(text.c_str(), f) >= 0;

@@ -17,7 +17,7 @@
 #include <cstring>
 #include <fstream>
 
-extern char **environ;
+#include "sim/errno_text.h"
 
 namespace dm::sim {
 
@@ -27,6 +27,7 @@ namespace {
 bool ip(std::vector<std::string> args, std::string &error) {
     args.insert(args.begin(), "ip");
     std::vector<char *> argv;
+    argv.reserve(args.size() + 1);
     for (std::string &a : args) argv.push_back(a.data());
     argv.push_back(nullptr);
     pid_t pid = 0;
@@ -34,14 +35,14 @@ bool ip(std::vector<std::string> args, std::string &error) {
     std::string line;
     for (const std::string &a : args) line += (line.empty() ? "" : " ") + a;
     if (rc != 0) {
-        error = line + ": " + std::strerror(rc) +
+        error = line + ": " + errno_text(rc) +
                 (rc == ENOENT ? " (the ip tool of iproute2 is needed for --netns)" : "");
         return false;
     }
     int status = 0;
     while (waitpid(pid, &status, 0) < 0) {
         if (errno != EINTR) {
-            error = line + ": waitpid: " + std::strerror(errno);
+            error = line + ": waitpid: " + errno_text(errno);
             return false;
         }
     }
@@ -142,7 +143,7 @@ class Router {
     bool start(const std::vector<Watched> &watched, std::string &error) {
         char tmpl[] = "/tmp/dmsim-ra.XXXXXX";
         if (mkdtemp(tmpl) == nullptr) {
-            error = std::string("mkdtemp: ") + std::strerror(errno);
+            error = std::string("mkdtemp: ") + errno_text(errno);
             return false;
         }
         dir_ = tmpl;
@@ -163,7 +164,7 @@ class Router {
         }
         int out[2];
         if (pipe2(out, O_CLOEXEC) != 0) {
-            error = std::string("pipe: ") + std::strerror(errno);
+            error = std::string("pipe: ") + errno_text(errno);
             return false;
         }
         posix_spawn_file_actions_t fa;
@@ -188,7 +189,7 @@ class Router {
         log_fd_ = out[0];
         if (rc != 0) {
             pid_ = -1;
-            error = std::string("radvd: ") + std::strerror(rc) +
+            error = std::string("radvd: ") + errno_text(rc) +
                     (rc == ENOENT ? " (iface-ra needs radvd, Debian package radvd, as the router)"
                                   : "");
             return false;
@@ -246,7 +247,7 @@ NetnsResult enter_netns(const std::vector<IfaceDecl> &ifaces, std::string &error
     }
     if (unshare(CLONE_NEWNET) != 0) {
         const int err = errno;
-        error = std::string("unshare(CLONE_NEWNET): ") + std::strerror(err);
+        error = std::string("unshare(CLONE_NEWNET): ") + errno_text(err);
         if (err == EPERM) {
             error += " (--netns needs the CAP_SYS_ADMIN capability)";
             return NetnsResult::kUnprivileged;
@@ -318,7 +319,7 @@ bool advertise(const std::vector<IfaceDecl> &ifaces, std::vector<Slaac> &learned
               {AF_INET6, 0, 0, 0, 0}};
     if (sock < 0 || bind(sock, reinterpret_cast<sockaddr *>(&sa), sizeof(sa)) != 0 ||
         send(sock, &dump, sizeof(dump), 0) < 0) {
-        error = std::string("route-netlink: ") + std::strerror(errno);
+        error = std::string("route-netlink: ") + errno_text(errno);
         if (sock >= 0) close(sock);
         return false;
     }

@@ -47,6 +47,16 @@ constexpr Kind kind_of() {
     }
 }
 
+// How many records a member holds: one, or every element of an array of them.
+template <class M>
+constexpr size_t count_of() {
+    if constexpr (std::is_array_v<M>) {
+        return std::extent_v<M> * count_of<std::remove_extent_t<M>>();
+    } else {
+        return 1;
+    }
+}
+
 // A member whose kind follows from its type.
 #define DMSIM_F(T, m)                                                 \
     FieldDesc {                                                       \
@@ -58,10 +68,9 @@ constexpr Kind kind_of() {
 #m, offsetof(T, m), sizeof(T::m), k \
     }
 // A nested record or array of records.
-#define DMSIM_R(T, m, desc)                                                       \
-    FieldDesc {                                                                   \
-#m, offsetof(T, m), sizeof(T::m), Kind::Record, &desc,                    \
-                sizeof(T::m) / sizeof(std::remove_all_extents_t <decltype(T::m)>) \
+#define DMSIM_R(T, m, desc)                                                                   \
+    FieldDesc {                                                                               \
+#m, offsetof(T, m), sizeof(T::m), Kind::Record, &(desc), count_of < decltype(T::m)>() \
     }
 #define DMSIM_REC(T, fields)  \
     RecordDesc {              \
@@ -231,7 +240,8 @@ const FieldDesc kPdnInfoFields[] = {
         DMSIM_F(PdnInfo, prefix_len),
         DMSIM_F(PdnInfo, preferred_lifetime),
         DMSIM_F(PdnInfo, valid_lifetime),
-        DMSIM_F(PdnInfo, owner),
+        // The field is the pointer itself: its size is the pointer's.
+        DMSIM_F(PdnInfo, owner),  // NOLINT(bugprone-sizeof-expression)
         DMSIM_R(PdnInfo, call, kDataCallEntry),
 };
 const RecordDesc kPdnInfo = DMSIM_REC(PdnInfo, kPdnInfoFields);

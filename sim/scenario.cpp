@@ -10,6 +10,7 @@
 
 #include "evfw.h"
 #include "evfw_ids.h"
+#include "sim/errno_text.h"
 
 namespace dm::sim {
 
@@ -113,7 +114,7 @@ class Parser {
     bool peer(const std::string &token, PeerRef &out);
     bool event(const std::string &token, uint32_t &out);
     bool payload(const std::vector<Tok> &toks, size_t from, uint32_t event_id, bool sending,
-                 Payload &out);
+                 Payload &p);
     bool assign(const Tok &tok, size_t eq, Payload &p, bool sending);
     void mention(const PeerRef &p);
 
@@ -733,7 +734,7 @@ bool parse_scenario(std::string_view name, std::string_view text, Scenario &out,
 bool parse_scenario_file(const std::string &path, Scenario &out, std::string &error) {
     std::ifstream in(path, std::ios::binary);
     if (!in) {
-        error = path + ": cannot be read: " + std::strerror(errno);
+        error = path + ": cannot be read: " + errno_text(errno);
         return false;
     }
     std::ostringstream ss;

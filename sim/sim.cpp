@@ -9,6 +9,7 @@
 #include "evfw_ids.h"
 #include "ims/ims_pdn.h"
 #include "pdn/pdn_records.h"
+#include "sim/errno_text.h"
 
 namespace dm::sim {
 
@@ -190,7 +191,7 @@ bool Sim::finish() {
         FILE *f = std::fopen(opt_.trace_path.c_str(), "w");
         if (f == nullptr) {
             std::fprintf(stderr, "dmsim: cannot write the trace to %s: %s\n",
-                         opt_.trace_path.c_str(), std::strerror(errno));
+                         opt_.trace_path.c_str(), errno_text(errno).c_str());
             ok = false;
         } else {
             rt_.print_trace(f);

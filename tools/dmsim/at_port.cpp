@@ -10,6 +10,8 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "sim/errno_text.h"
+
 namespace dmsim {
 
 namespace {
@@ -65,7 +67,7 @@ AtPort::~AtPort() {
 
 bool AtPort::open(const std::string &link, std::string &error) {
     auto fail = [&](const std::string &what) {
-        error = what + ": " + std::strerror(errno);
+        error = what + ": " + dm::sim::errno_text(errno);
         return false;
     };
     master_ = posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);

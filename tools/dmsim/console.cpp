@@ -12,6 +12,7 @@
 
 #include "dati/dati.h"
 #include "evfw_ids.h"
+#include "sim/errno_text.h"
 #include "tools/dmsim/at_port.h"
 
 namespace dmsim {
@@ -263,7 +264,7 @@ int run_port_console(const Options &options, const std::string &path, bool inter
                     for (const PortLine &l : lines) console.from_port(l);
                     if (!open) {
                         std::fprintf(out, "[the port's terminal failed: %s]\n",
-                                     std::strerror(errno));
+                                     errno_text(errno).c_str());
                         break;
                     }
                 }

@@ -16,10 +16,10 @@ namespace dmsim {
 int run_console(const dm::sim::Options &options, std::istream &in, bool interactive, FILE *out);
 
 // The same console, standard input included, while the AT port linked at
-// `port` serves its client: the client's lines are answered on the port,
+// `path` serves its client: the client's lines are answered on the port,
 // URCs go to the port between answers.  Runs until "!quit" or SIGINT,
 // SIGTERM or SIGHUP; the end of standard input does not end it.
-int run_port_console(const dm::sim::Options &options, const std::string &port, bool interactive,
+int run_port_console(const dm::sim::Options &options, const std::string &path, bool interactive,
                      FILE *out);
 
 }  // namespace dmsim

@@ -5,14 +5,17 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <iostream>
 #include <string>
+#include <string_view>
 #include <vector>
 
+#include "sim/errno_text.h"
 #include "sim/netns.h"
 #include "sim/records.h"
 #include "sim/scenario.h"
@@ -179,6 +182,17 @@ std::string per_scenario(const std::string &file, const std::string &scenario) {
     return file.substr(0, dot) + "-" + stem + file.substr(dot);
 }
 
+// The figure of a line of /proc/self/status that begins with `name`
+// ("VmRSS:    1234 kB") into `out`; another line or no number leaves it.
+void status_figure(const char *line, std::string_view name, long &out) {
+    if (std::strncmp(line, name.data(), name.size()) != 0) return;
+    const char *digits = line + name.size();
+    char *end = nullptr;
+    errno = 0;
+    const long figure = std::strtol(digits, &end, 10);
+    if (end != digits && errno == 0) out = figure;
+}
+
 // The process's resident size and its peak (VmRSS and VmHWM of
 // /proc/self/status), in KiB; -1 when not found.
 struct Resident {
@@ -191,8 +205,8 @@ Resident resident() {
     if (f == nullptr) return r;
     char line[256];
     while (std::fgets(line, sizeof(line), f) != nullptr) {
-        std::sscanf(line, "VmRSS: %ld", &r.rss);
-        std::sscanf(line, "VmHWM: %ld", &r.hwm);
+        status_figure(line, "VmRSS:", r.rss);
+        status_figure(line, "VmHWM:", r.hwm);
     }
     std::fclose(f);
     return r;
@@ -253,7 +267,7 @@ int run_file(const std::string &path, const Options &opt, int repeat) {
     }
     if (access(opt.lib.c_str(), R_OK) != 0) {
         std::fprintf(stderr, "dmsim: the library %s cannot be read: %s (give it with --lib)\n",
-                     opt.lib.c_str(), std::strerror(errno));
+                     opt.lib.c_str(), errno_text(errno).c_str());
         return kExitEnv;
     }
     if (opt.netns) {
@@ -306,6 +320,9 @@ int run(const Args &a) {
     return worst;
 }
 
+// Recursive through the nested records: a record holds others a level or two
+// deep, never itself.
+// NOLINTNEXTLINE(misc-no-recursion)
 void print_record(const RecordDesc &r, size_t base, const std::string &prefix) {
     for (const FieldDesc &f : r.fields) {
         if (f.kind == Kind::Record) {
@@ -421,7 +438,7 @@ int main(int argc, char **argv) {
         if (!a.operands.empty()) return usage_error("at reads its lines from standard input");
         if (access(a.opt.lib.c_str(), R_OK) != 0) {
             std::fprintf(stderr, "dmsim: the library %s cannot be read: %s (give it with --lib)\n",
-                         a.opt.lib.c_str(), std::strerror(errno));
+                         a.opt.lib.c_str(), errno_text(errno).c_str());
             return kExitEnv;
         }
         if (!a.port.empty()) {
