@@ -42,7 +42,7 @@ bool g_ril_answers = false;  // this input's kRilAnswers
 
 testkit::Peer &sender(testkit::Harness &h, uint8_t index) {
     static const char *const kClients[] = {"imsm_0", "imsm_1", "lanmngr"};
-    const int i = index % kSenders;
+    const size_t i = index % kSenders;
     if (i == 0) return h.ril();
     return i <= 3 ? h.client(kClients[i - 1]) : h.task(i == 4 ? TASK_RB_SIM0 : TASK_ATMNGR);
 }

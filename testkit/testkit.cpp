@@ -207,11 +207,10 @@ void LeakCounter::see(const LogLine &line) {
     if (begins(body, kAtCmdArrival)) {
         if (vzwact_holding_) ++leaks_;
         vzwact_holding_ = starts_with_nocase(body.substr(kAtCmdArrival.size()), kVzwactAssign);
-    } else if (begins(body, kUnknownAnnouncement)) {
-        ++leaks_;
     } else if (begins(body, kSendRecvFailed)) {
         leaks_ += body.ends_with(" fail -110") ? 0 : 1;
-    } else if (std::any_of(std::begin(kSendBeforeInit), std::end(kSendBeforeInit),
+    } else if (begins(body, kUnknownAnnouncement) ||
+               std::any_of(std::begin(kSendBeforeInit), std::end(kSendBeforeInit),
                            [body](std::string_view m) {
                                return body.size() == m.size() && begins(body, m);
                            })) {
