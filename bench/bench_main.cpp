@@ -22,7 +22,7 @@ namespace {
 
 void run_floor(benchmark::State &state, const Path *path) {
     Floor floor = path->floor;
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         floor.once();
         benchmark::ClobberMemory();
     }
@@ -34,7 +34,7 @@ void run_path(benchmark::State &state, const Path *path, bool log_on) {
     size_t lines = 0;
     const std::string why = prepare(h, *path, log_on, event, lines);
     if (why.empty()) {
-        for (auto _ : state) one_event(h, event);
+        for ([[maybe_unused]] auto _ : state) one_event(h, event);
     } else {
         state.SkipWithError(why.c_str());
     }
@@ -94,11 +94,14 @@ class TableReporter : public benchmark::ConsoleReporter {
 
 int main(int argc, char **argv) {
     if (argc == 3 && std::string(argv[1]) == "--instructions") {
-        bench::count_windows(std::atoi(argv[2]));
+        bench::count_windows(static_cast<int>(std::strtol(argv[2], nullptr, 10)));
         return 0;
     }
     if (argc == 4 && std::string(argv[1]) == "--instructions-report") {
-        return bench::report_instructions(argv[3], std::atoi(argv[2])) ? 0 : 1;
+        return bench::report_instructions(argv[3],
+                                          static_cast<int>(std::strtol(argv[2], nullptr, 10)))
+                       ? 0
+                       : 1;
     }
     benchmark::Initialize(&argc, argv);
     if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;

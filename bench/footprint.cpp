@@ -119,7 +119,8 @@ std::string bring_up(const SetupDataCallResp &answer) {
 int main(int argc, char **argv) {
     const char *tunables = std::getenv("GLIBC_TUNABLES");
     if (tunables == nullptr || std::strcmp(tunables, kTunables) != 0) {
-        setenv("GLIBC_TUNABLES", kTunables, 1);  // read by glibc at the process's start
+        // One thread yet, and glibc reads it at the new image's start.
+        setenv("GLIBC_TUNABLES", kTunables, 1);  // NOLINT(concurrency-mt-unsafe)
         execv("/proc/self/exe", argv);
         std::perror("dm_footprint: execv /proc/self/exe");
         return 2;

@@ -68,14 +68,16 @@ void record_urc_subscription(const UrcSubscription &s) {
                            std::to_string(s.event_id) + "," + std::to_string(s.mode) + ")");
 }
 
-void diag(const Guard &g, const char *fmt, ...) {
+// printf-style, as the log lines beside them; the format attribute checks
+// every call.
+void diag(const Guard &g, const char *fmt, ...) {  // NOLINT(cert-dcl50-cpp)
     va_list ap;
     va_start(ap, fmt);
     add_diagnostic(g, fmt, ap);
     va_end(ap);
 }
 
-void diag(const char *fmt, ...) {
+void diag(const char *fmt, ...) {  // NOLINT(cert-dcl50-cpp)
     Guard g = lock();
     va_list ap;
     va_start(ap, fmt);

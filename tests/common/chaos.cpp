@@ -98,9 +98,11 @@ bool run_one(const dm::sim::Scenario &sc, uint64_t seed, Tally &tally) {
         close(pipe_fd[0]);
         alarm(kRunSeconds);
         uint64_t failed = 0;
-        const int rc = play(sc, plans, &failed);
-        if (write(pipe_fd[1], &failed, sizeof failed) != sizeof failed) std::exit(1);
-        std::exit(rc);  // a normal exit, so that a sanitizer reports at its end
+        int rc = play(sc, plans, &failed);
+        // A normal exit, so that a sanitizer reports at its end; the run's
+        // threads are stopped by now.
+        if (write(pipe_fd[1], &failed, sizeof failed) != sizeof failed) rc = 1;
+        std::exit(rc);  // NOLINT(concurrency-mt-unsafe)
     }
     close(pipe_fd[1]);
     uint64_t failed = 0;
@@ -120,8 +122,9 @@ bool run_one(const dm::sim::Scenario &sc, uint64_t seed, Tally &tally) {
     if (pid <= 0) {
         what = "no process for the run";
     } else if (WIFSIGNALED(status)) {
-        what = WTERMSIG(status) == SIGALRM ? "hung"
-                                           : "crashed: " + std::string(strsignal(WTERMSIG(status)));
+        what = WTERMSIG(status) == SIGALRM
+                       ? "hung"
+                       : "crashed: " + std::string(sigdescr_np(WTERMSIG(status)));
     } else if (WEXITSTATUS(status) != 1) {
         what = "exit " + std::to_string(WEXITSTATUS(status)) + " (a sanitizer's report above)";
     }

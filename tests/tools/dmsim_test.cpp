@@ -12,11 +12,10 @@
 #include <csignal>
 
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <string>
-
-extern char **environ;
 
 namespace {
 
@@ -35,23 +34,25 @@ class DmsimTest : public ::testing::Test {
         ASSERT_NE(lib, nullptr) << "DM_LIBRARY names the built library";
         lib_ = lib;
     }
-    void TearDown() override { std::system(("rm -rf " + dir_).c_str()); }
+    void TearDown() override { std::filesystem::remove_all(dir_); }
 
     std::string write(const std::string &name, const std::string &text) {
-        const std::string path = dir_ + "/" + name;
+        std::string path = dir_ + "/" + name;
         std::ofstream(path) << text;
         return path;
     }
     static std::string read(const std::string &path) {
         std::ifstream in(path);
-        return {std::istreambuf_iterator<char>(in), {}};
+        std::string text{std::istreambuf_iterator<char>(in), {}};
+        return text;
     }
     // Runs dmsim with `args` (shell words) and `input` on standard input.
     Result dmsim(const std::string &args, const std::string &input = "") {
         const std::string in = write("stdin", input);
         const std::string cmd = std::string(DMSIM_PATH) + " --lib " + lib_ + " " + args + " <" +
                                 in + " >" + dir_ + "/out 2>" + dir_ + "/err";
-        const int rc = std::system(cmd.c_str());
+        // A command line as its users type it, redirections included.
+        const int rc = std::system(cmd.c_str());  // NOLINT(cert-env33-c)
         return {WIFEXITED(rc) ? WEXITSTATUS(rc) : -1, read(dir_ + "/out"), read(dir_ + "/err")};
     }
     static bool has(const std::string &text, const std::string &part) {
@@ -147,9 +148,9 @@ TEST_F(DmsimTest, RepeatShowsTheFirstRunAndStopsAtAFailingOne) {
     const std::string bad = write("bad.scn", std::string(kPdnState) + "expect lanmngr 4059\n");
     r = run("run --repeat 5 " + bad, 1, {"== " + bad + ": repetition 1 of 5 failed\n"});
     EXPECT_EQ(r.out.find(" runs: resident "), std::string::npos);
-    for (std::string args : {"run --repeat 0 " + ok, "run --repeat 2x " + ok,
-                             "run --repeat 2 " + ok + " " + ok, std::string("--repeat 2 at")})
-        run(args, 2);
+    const std::string usage[] = {"run --repeat 0 " + ok, "run --repeat 2x " + ok,
+                                 "run --repeat 2 " + ok + " " + ok, "--repeat 2 at"};
+    for (const std::string &args : usage) run(args, 2);
 }
 
 constexpr const char *kAtSession =
@@ -189,6 +190,7 @@ TEST_F(DmsimTest, AtConsoleShowsResultsAsATerminalDoesAndDiagnosticsWithLog) {
 // The AT port as a client nobody here wrote sees it: chat (package ppp), its
 // lines ended by CR, its exit status telling what it found.
 TEST_F(DmsimTest, AtPortServesAModemClientBetweenItsUrcs) {
+    // NOLINTNEXTLINE(cert-env33-c): the shell's own lookup of a program
     if (std::system("command -v chat >/dev/null") != 0) {
         GTEST_SKIP() << "chat (Debian package ppp, installed by scripts/deps) is not installed";
     }
@@ -232,9 +234,10 @@ TEST_F(DmsimTest, AtPortServesAModemClientBetweenItsUrcs) {
                            "\r\nERROR\r\n");
 
     const auto chat = [&](const std::string &script) {
-        const int rc = std::system(
-                ("chat -V -t 10 " + script + " <" + port + " >" + port + " 2>>" + dir_ + "/chat")
-                        .c_str());
+        // chat reads and writes the port on its standard input and output.
+        const std::string cmd =
+                "chat -V -t 10 " + script + " <" + port + " >" + port + " 2>>" + dir_ + "/chat";
+        const int rc = std::system(cmd.c_str());  // NOLINT(cert-env33-c)
         return WIFEXITED(rc) ? WEXITSTATUS(rc) : -1;
     };
     EXPECT_EQ(chat(R"('' 'AT+CGDCONT=1,"IP","internet"' OK AT+CGACT=1,1 '+CGEV: ME PDN ACT 1' )"
