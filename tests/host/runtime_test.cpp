@@ -61,14 +61,18 @@ TEST_F(Runtime_, EachEventIsCountedUntilFreedOnceAndASecondFreeIsCaught) {
     evfw_event_free(b);
     EXPECT_EQ(rt.live_events(), 0);
     // What a run left is reclaimed when the next starts, as a new round too:
-    // freeing it afterwards is a bad free of the new round.
-    for (auto next : {+[](Runtime &r) { r.reset(); }, +[](Runtime &r) { r.new_round(); }}) {
+    // freeing it afterwards is a bad free of the new round.  A reset keeps
+    // it while shared objects stay mapped for the leak checkers.
+    const char *keep = std::getenv("EVFW_HOST_KEEP_LOADED");
+    const bool kept = keep != nullptr && std::string(keep) == "1";
+    for (const bool reset : {true, false}) {
         evfw_event_t *old = evfw_event_alloc(nullptr);
-        next(rt);
+        reset ? rt.reset() : rt.new_round();
         rt.set_diag_echo(nullptr);
         EXPECT_EQ(std::tuple(rt.live_events(), rt.bad_frees()), std::tuple(0L, 0L));
         evfw_event_free(old);
-        EXPECT_EQ(std::tuple(rt.live_events(), rt.bad_frees()), std::tuple(0L, 1L));
+        const long reclaimed = reset && kept ? 0 : 1;
+        EXPECT_EQ(std::tuple(rt.live_events(), rt.bad_frees()), std::tuple(0L, reclaimed));
     }
 }
 
