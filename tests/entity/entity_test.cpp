@@ -1,9 +1,10 @@
-// The entity frame where it is called directly: start and stop, the log line,
-// the dispatcher's and the senders' refusals, the registry's lookups and the
-// exported request senders.  Event flows are in the scenario tables beside.
+// The entity where the framework and other modules call it directly: start
+// and stop, the log line, refusals and the results other modules read, the
+// registry's lookups, the exported request senders and imported calls
+// failing.  Event flows are in the scenario tables beside.
 #include <unistd.h>
 
-#include <algorithm>
+#include <thread>
 
 #include "common/dm_test.h"
 #include "entity/client_senders.h"
@@ -14,11 +15,21 @@
 #include "entity/pdn_state.h"
 #include "entity/task_info.h"
 #include "pdn/pdn_info.h"
+#include "pdn/relay.h"
 
 namespace {
 
 using namespace dm_test;
+using dm::log::Module;
+using dm::testkit::Harness;
 using evfw_host::Runtime;
+
+// What lines get before the entity starts and before anything sets the
+// level: taken while the program starts.
+const uint32_t kLevelAtStart = dm_debug_lv;
+const char *const kTagsAtStart[] = {dm::log::tag(Module::Entity), dm::log::tag(Module::Pdn),
+                                    dm::log::tag(Module::Ims), dm::log::tag(Module::Dati)};
+uint32_t g_word = 7;
 
 // ---- start and stop, without the test kit's load --------------------------------
 
@@ -27,20 +38,17 @@ class Lifecycle : public ::testing::Test {
     void SetUp() override {
         dm::testkit::reset_library_state();
         rt.reset();
-        abi.init = datamngr_entity_init;
-        abi.exit = datamngr_entity_exit;
     }
     void TearDown() override {
         rt.unload();
+        EXPECT_EQ(rt.bad_unlocks(), 0);
         dm::testkit::reset_library_state();
         rt.reset();
     }
-    std::vector<std::string> calls_since(size_t n) const {
-        auto all = rt.calls();
-        return {all.begin() + static_cast<long>(n), all.end()};
+    evfw_entity_t *load() {
+        return rt.load("datamngr", {datamngr_entity_init, datamngr_entity_exit, {}});
     }
     Runtime &rt = Runtime::instance();
-    evfw_host::EntityAbi abi;
 };
 
 TEST_F(Lifecycle, InitMakesItsCallsInOrderItsThreadClearsThePdnTablesAndExitUndoesThem) {
@@ -51,43 +59,48 @@ TEST_F(Lifecycle, InitMakesItsCallsInOrderItsThreadClearsThePdnTablesAndExitUndo
         want.push_back("evfw_connmngr_common_subscribe(402," + std::to_string(id) + ",1)");
     want.insert(want.end(), {"evfw_atmngr_subscribe_urc(402,+CGEV,3006,4)", "set_hdl(402)",
                              "evfw_thrd_init", "evfw_thrd_start"});
-    evfw_entity_t *entity = rt.load("datamngr", abi);
+    evfw_entity_t *entity = load();
     ASSERT_NE(entity, nullptr);
     EXPECT_EQ(rt.calls(), want);
     EXPECT_EQ(entity->id, 41u);
+    EXPECT_EQ(rt.logs().at(0).tag, android_log_tag[2]);  // the daemon's tag from the start
     auto *state = static_cast<DatamngrEntity *>(entity->priv);
     ASSERT_EQ(state, dm_entity());
     EXPECT_EQ(state->entity, entity);
     for (const AtPdpContext &ctx : state->at_pdp_ctx)
         EXPECT_EQ(std::tuple(ctx.state, ctx.cid), std::tuple(-1, -1));
+    // The AT command interface's thread finds the entity mutex free.
+    rt.set_wait_limit(std::chrono::milliseconds(200));
+    std::thread([state] { dm_entity_lock(state), dm_entity_unlock(state); }).join();
+    EXPECT_EQ(rt.timeouts(), 0);
     // The init thread clears the PDN tables.
     DataCallEntry entry = {0, 0, 0, 3, {}};
     update_pdn_info(&entry, nullptr);
     EXPECT_TRUE(rt.wait_threads(std::chrono::seconds(2)));
     EXPECT_EQ(find_pdn_info_by_cid(3), nullptr);
-    EXPECT_EQ(datamngr_init(nullptr), 0);
-    const size_t n = rt.calls().size();
+    // The thread waits for every entity of the daemon: here for one still in its init.
+    static int waited = -1;
+    rt.load("other", {[](evfw_entity_t *e) { return waited = datamngr_init_thrd(dm_entity()), e; },
+                      nullptr,
+                      {}});
+    EXPECT_EQ(std::tuple(datamngr_init(nullptr), waited), std::tuple(0, 0));
+    EXPECT_TRUE(rt.diagnostics().back().text.starts_with("evfw_wait_all_entity_init called"));
     rt.unload();
-    EXPECT_EQ(calls_since(n),
+    const auto calls = rt.calls();
+    EXPECT_EQ(std::vector<std::string>(calls.end() - 4, calls.end()),
               (std::vector<std::string>{"evfw_task_exit(404)", "evfw_task_exit(402)",
                                         "evfw_task_exit(403)", "evfw_mutex_exit"}));
 }
 
-TEST_F(Lifecycle, WithoutEntityRecordTheTasksGetEntityIdZero) {
+TEST_F(Lifecycle, WithoutEntityRecordTheTasksGetEntityIdZeroAndExitClearsOnlyTheId) {
     EXPECT_EQ(datamngr_entity_init(nullptr), nullptr);
-    auto calls = rt.calls();
-    EXPECT_NE(std::find(calls.begin(), calls.end(), "evfw_task_init(0,403)"), calls.end());
-    evfw_entity_t record = {41, dm_entity(), nullptr};
-    EXPECT_EQ(datamngr_entity_exit(&record), &record);
-    EXPECT_EQ(record.id, 0u);
-    // Without state only the id is cleared; without a record nothing at all.
-    record.id = 41;
-    record.priv = nullptr;
-    const size_t n = rt.calls().size();
-    EXPECT_EQ(datamngr_entity_exit(&record), &record);
-    EXPECT_EQ(record.id, 0u);
-    EXPECT_EQ(datamngr_entity_exit(nullptr), nullptr);
-    EXPECT_TRUE(calls_since(n).empty());
+    EXPECT_EQ(rt.calls().at(2), "evfw_task_init(0,403)");
+    for (void *priv : {static_cast<void *>(dm_entity()), static_cast<void *>(nullptr)}) {
+        evfw_entity_t record = {41, priv, nullptr};
+        EXPECT_EQ(std::tuple(datamngr_entity_exit(&record), record.id), std::tuple(&record, 0u));
+    }
+    EXPECT_EQ(std::tuple(datamngr_entity_exit(nullptr), rt.calls().back()),
+              std::tuple(nullptr, "evfw_mutex_exit"));
 }
 
 TEST_F(Lifecycle, UrcPrefixesOfTheOperatorAndTheDefaultTable) {
@@ -95,24 +108,22 @@ TEST_F(Lifecycle, UrcPrefixesOfTheOperatorAndTheDefaultTable) {
     OperatorHooks hooks = {};
     hooks.urc_count = [] { return 3; };
     hooks.urc_prefix = [](int32_t i, char *out, int32_t *flag) {
-        if (kPrefixes[i][0] == '\0') return -1;
-        strcpy(out, kPrefixes[i]);
-        *flag = i;
-        return 0;
+        return kPrefixes[i][0] == '\0' ? -1 : (strcpy(out, kPrefixes[i]), *flag = i, 0);
     };
     dm_set_operator_hooks(&hooks);
-    rt.load("datamngr", abi);
+    load();
+    hooks = {};
+    EXPECT_EQ(dm_register_urc(&dm_entity()->main_task, 3008), 0);
     std::string urcs;
-    for (const auto &u : rt.urc_subscriptions()) urcs += u.prefix + std::to_string(u.mode) + " ";
-    EXPECT_EQ(urcs, "+EOPA1 +EOPB4 +CGEV4 ");
+    for (const auto &u : rt.urc_subscriptions())
+        urcs += u.prefix + std::to_string(u.mode) + "/" + std::to_string(u.event_id) + " ";
+    EXPECT_EQ(urcs, "+EOPA1/3006 +EOPB4/3006 +CGEV4/3006 +CGEV4/3008 ");
     size_t errors = 0;
     for (const auto &l : rt.logs())
         errors += l.text.ends_with("dm_register_urc get urc prefix error!!");
     EXPECT_EQ(errors, 1u);
-
     char prefix[16] = "untouched";
     int32_t flag = 7;
-    EXPECT_EQ(dm_get_default_urc_num(), 1);
     EXPECT_EQ(dm_get_default_urc_prefix(1, prefix, &flag), -1);
     EXPECT_EQ(dm_get_default_urc_prefix(-1, prefix, &flag), -1);
     EXPECT_EQ(std::string(prefix) + std::to_string(flag), "untouched7");
@@ -124,55 +135,38 @@ TEST_F(Lifecycle, UrcPrefixesOfTheOperatorAndTheDefaultTable) {
 
 constexpr dm::log::Module kLogModule = dm::log::Module::Pdn;
 
-struct LogCase {
-    void (*write)();
-    uint32_t level;
-    int prio;
-    const char *text;  // after the header
-};
-const LogCase kLogCases[] = {
-        {[] { DM_LOGE("%s cid %d\n", "f", 7); }, 1, 6, "[DMGR-ERR] f cid 7\n"},
-        {[] { DM_LOGW("plain %u", 3u); }, 2, 5, "[DMGR-WAR] plain 3"},
-        {[] { DM_LOGI("info"); }, 4, 4, "[DMGR-INF] info"},
-        {[] { DM_LOGD("debug %s", "x"); }, 8, 3, "[DMGR-DBG] debug x"},
-        // The AT command interface's form: no level word, never gated.
-        {[] { DATI_LOGD("Fun = %s", "1"); }, 0, 3, "Fun = 1"},
-};
-
 void a_function_name_longer_than_twenty_four() {
     DM_LOGI("cut");
 }
 
-// The header pads and cuts the function name to 24 columns.
-TEST_F(Lifecycle, LogLinesCarryTheirLevelAndAreGatedByTheDebugLevel) {
-    for (const LogCase &c : kLogCases) {
-        for (uint32_t lv : {15u, 15u & ~c.level}) {
-            dm_debug_lv = lv;
-            rt.clear_logs();
-            c.write();
-            auto logs = rt.logs();
-            const bool shown = c.level == 0 || (lv & c.level) != 0;
-            ASSERT_EQ(logs.size(), shown ? 1u : 0u) << c.text;
-            if (!shown) continue;
-            EXPECT_EQ(log_body(logs[0].text), std::string(c.text).substr(c.level ? 11 : 0));
-            EXPECT_TRUE(logs[0].text.ends_with(c.text));
-            EXPECT_EQ(logs[0].text.substr(0, 2), " (");
-            EXPECT_EQ(logs[0].prio, c.prio);
-        }
+// Each level with its priority, on by its bit of dm_debug_lv (all from the
+// start); the AT command interface's lines carry no level word and are never
+// gated.
+TEST_F(Lifecycle, LogLinesCarryTheirLevelAndPriorityAndAreGatedByTheDebugLevel) {
+    EXPECT_EQ(kLevelAtStart, 15u);
+    for (auto [lv, want] :
+         {std::pair{15u, "6[DMGR-ERR] e 1;5[DMGR-WAR] w;4[DMGR-INF] i;3[DMGR-DBG] d;3Fun = 1;"},
+          {5u, "6[DMGR-ERR] e 1;4[DMGR-INF] i;3Fun = 1;"},
+          {10u, "5[DMGR-WAR] w;3[DMGR-DBG] d;3Fun = 1;"}}) {
+        dm_debug_lv = lv;
+        rt.clear_logs();
+        DM_LOGE("e %d", 1);
+        DM_LOGW("w");
+        DM_LOGI("i");
+        DM_LOGD("d");
+        DATI_LOGD("Fun = %s", "1");
+        std::string got;
+        for (const auto &l : rt.logs())
+            got += std::to_string(l.prio) + l.text.substr(34) + ";";  // after the header
+        EXPECT_EQ(got, want) << lv;
     }
-    rt.clear_logs();
-    a_function_name_longer_than_twenty_four();
-    kLogCases[2].write();
-    auto logs = rt.logs();
-    ASSERT_EQ(logs.size(), 2u);
-    EXPECT_EQ(logs[0].text.substr(0, 28), " (a_function_name_longer_t, ");
-    EXPECT_EQ(logs[0].text.substr(32), ") [DMGR-INF] cut");
-    EXPECT_EQ(logs[1].text.substr(2, 24), std::string(14, ' ') + "operator()");
 }
 
 // The tag index: unset until the entity starts (entry 0 in the daemon's
 // process, 1 elsewhere), then 2 in the daemon's process and 10 elsewhere.
 TEST_F(Lifecycle, TagFollowsTheProcessAndTheBinding) {
+    for (const char *tag : kTagsAtStart)
+        EXPECT_TRUE(tag == android_log_tag[0] || tag == android_log_tag[1]);
     const pid_t daemon = rvn_pid;
     for (auto [pid, bound, index] : {std::tuple{getpid(), false, 0},
                                      {getpid() + 1, false, 1},
@@ -182,42 +176,37 @@ TEST_F(Lifecycle, TagFollowsTheProcessAndTheBinding) {
         dm::log::unbind_tags();
         if (bound) dm::log::bind_tags();
         rt.clear_logs();
-        kLogCases[2].write();
-        ASSERT_EQ(rt.logs().size(), 1u);
-        EXPECT_EQ(rt.logs()[0].tag, android_log_tag[index]) << index;
+        a_function_name_longer_than_twenty_four();  // the header cuts the name to 24 columns
+        EXPECT_EQ(std::tuple(rt.logs().at(0).tag, rt.logs()[0].text.substr(0, 28)),
+                  std::tuple(android_log_tag[index], " (a_function_name_longer_t, "));
     }
     rvn_pid = daemon;
 }
 
-// ---- refusals ---------------------------------------------------------------------
+// ---- refusals and results -------------------------------------------------------
 
 class Entity : public DmTest {};
 
-TEST_F(Entity, DispatcherRefusesNullArgumentsAndTellsWhetherItKeptTheEvent) {
+TEST_F(Entity, DispatcherAndReplyRefuseBadArgumentsAndTellWhoKeepsTheEvent) {
     DatamngrEntity *e = h.entity();
     evfw_event_t *event = evfw_event_alloc(nullptr);
     EXPECT_EQ(datamngr_main_hdl(nullptr, event, e), nullptr);
     EXPECT_EQ(datamngr_main_hdl(&e->main_task, event, nullptr), nullptr);
     EXPECT_EQ(datamngr_main_hdl(&e->main_task, nullptr, e), nullptr);
     EXPECT_EQ(logged("[DMGR-ERR] datamngr_main_hdl(): Invalid argument!!"), 3u);
-    event_set_id(event, EVENT_DATAMNGR_SET_PDN_STATE_REQ);
-    event_set_data(event, 0, Bytes(12).data(), 12);
-    EXPECT_EQ(datamngr_main_hdl(&e->main_task, event, e), &e->main_task);  // answered on it
-    event = evfw_event_alloc(nullptr);
-    event_set_id(event, EVENT_ATMNGR_NOTIFY);
-    event_set_data(event, 0, "abcd", 4);
-    EXPECT_EQ(datamngr_main_hdl(&e->main_task, event, e), nullptr);  // freed
-}
+    evfw_event_free(event);
 
-TEST_F(Entity, ReplyOnTheCurrentEventChecksItsArguments) {
-    DatamngrEntity *e = h.entity();
-    uint32_t word = 1;
-    EXPECT_EQ(datamngr_ext_send(e, 4059, &word, 4), -1);  // no current event
+    EXPECT_EQ(datamngr_ext_send(e, 4059, &g_word, 4), -1);  // no current event
     e->cur_event = evfw_event_alloc(nullptr);
-    EXPECT_EQ(datamngr_ext_send(nullptr, 4059, &word, 4), -1);
-    EXPECT_EQ(datamngr_ext_send(e, 0, &word, 4), -1);
-    EXPECT_EQ(datamngr_ext_send(e, 4059, nullptr, 4), -1);
+    EXPECT_EQ(
+            std::tuple(datamngr_ext_send(nullptr, 4059, &g_word, 4),
+                       datamngr_ext_send(e, 0, &g_word, 4), datamngr_ext_send(e, 4059, nullptr, 4)),
+            std::tuple(-1, -1, -1));
     EXPECT_EQ(logged("[DMGR-ERR] datamngr_ext_send(): Invalid argument!!"), 4u);
+    // A legacy answer dropped on another event leaves the current one alone.
+    dm_deliver_answer_to(const_cast<TaskInfo *>(task_info_row(6)), "op", &g_word, 4,
+                         evfw_event_alloc(nullptr), 4012);
+    ASSERT_NE(e->cur_event, nullptr);
     // An empty reply is valid; the event then belongs to the framework.
     EXPECT_EQ(datamngr_ext_send(e, 4059, nullptr, 0), 0);
     EXPECT_EQ(e->cur_event, nullptr);
@@ -229,11 +218,12 @@ TEST_F(Entity, ReplyOnTheCurrentEventChecksItsArguments) {
 TEST_F(Entity, SendsBeforeInitAreRefusedAndLeaveTheirEvent) {
     h.rt().unload();
     datamngr_state_reset();
-    uint32_t word = 0;
-    EXPECT_EQ(dm_send_to_task(TASK_RILDPROXY, &word, 4, nullptr, 4003), -1);
-    EXPECT_EQ(dm_send_to_task_wait_for_event(TASK_ATMNGR, &word, 4, nullptr, 3002, 3004), -1);
-    EXPECT_EQ(dm_req_to_self(&word, 4, nullptr, 4033), -1);
-    EXPECT_EQ(dm_resp_to_external_channel(&word, 4, nullptr, 4042), -1);
+    EXPECT_EQ(
+            std::tuple(dm_send_to_task(TASK_RILDPROXY, &g_word, 4, nullptr, 4003),
+                       dm_send_to_task_wait_for_event(TASK_ATMNGR, &g_word, 4, nullptr, 3002, 3004),
+                       dm_req_to_self(&g_word, 4, nullptr, 4033),
+                       dm_resp_to_external_channel(&g_word, 4, nullptr, 4042)),
+            std::tuple(-1, -1, -1, -1));
     EXPECT_EQ(logged("[DMGR-ERR] dm_send_to_task NULL entity pointer"), 2u);
     EXPECT_EQ(logged("[DMGR-ERR] dm_send_to_task_wait_for_event NULL entity pointer"), 1u);
     EXPECT_EQ(logged("[DMGR-ERR] dm_resp_to_external_channel before entity init"), 1u);
@@ -243,50 +233,64 @@ TEST_F(Entity, SendsBeforeInitAreRefusedAndLeaveTheirEvent) {
 
 // The routines other modules call report what they did.
 TEST_F(Entity, SendRoutinesAndServicesReportTheirResults) {
-    uint32_t word = 7;
     evfw_event_t *source = evfw_event_alloc(nullptr);
-    EXPECT_EQ(dm_req_to_rild(&word, 4, source, 4019), 0);  // held: the RIL proxy is not ready
-    EXPECT_EQ(dm_queue_event_if_not_ready(&word, 4, source, 4019), 0);
-    h.announce_ril();
+    EXPECT_EQ(dm_req_to_rild(&g_word, 4, source, 4019), 0);  // held: the RIL proxy is not ready
+    EXPECT_EQ(dm_queue_event_if_not_ready(&g_word, 4, source, 4019), 0);
+    EXPECT_FALSE(dm_rild_ready());
+    Bytes name = dm::testkit::announcement("rildproxy");
+    EXPECT_EQ(dm_notification(name.data(), source), 0);  // and the queue goes out
+    EXPECT_TRUE(dm_rild_ready());
     EXPECT_EQ(dm_flush_event(), 0);
-    EXPECT_EQ(dm_queue_event_if_not_ready(&word, 4, source, 4019), -1);
-    EXPECT_EQ(dm_req_to_rild(&word, 4, source, 4019), 0);
-    EXPECT_EQ(dm_req_to_self(&word, 4, source, 3008), 0);
-    EXPECT_EQ(dm_resp_to_external_channel(&word, 4, source, 4044), 0);
+    EXPECT_EQ(dm_queue_event_if_not_ready(&g_word, 4, source, 4019), -1);
+    EXPECT_EQ(dm_req_to_rild(&g_word, 4, source, 4019), 0);
+    EXPECT_EQ(dm_req_to_self(&g_word, 4, source, 3008), 0);
+    EXPECT_EQ(dm_resp_to_external_channel(&g_word, 4, source, 4044), 0);
     h.rt().set_property("ro.qpx_multiple_ims_support", "0");
-    EXPECT_EQ(dm_notify_to_imsm(&word, 4, 4021, 0), -1);  // imsm_0 never announced
+    EXPECT_EQ(dm_notify_to_imsm(&g_word, 4, 4021, 0), -1);  // imsm_0 never announced
     h.announce(h.client("imsm_0"));
-    EXPECT_EQ(dm_notify_to_imsm(&word, 4, 4021, 0), 0);
+    EXPECT_EQ(dm_notify_to_imsm(&g_word, 4, 4021, 0), 0);
+    EXPECT_EQ(dm_send_req_notification(h.client("imsm_0").ctx(), nullptr), 0);
+    EXPECT_EQ(logged("[DMGR-ERR] dm_send_req_notification NULL name"), 1u);
     evfw_event_free(source);
     PdnStateReply reply = {};
     PdnStateSetReq set = {};
-    EXPECT_EQ(datamngr_set_pdn_state(nullptr, &set, &reply), -1);
-    EXPECT_EQ(datamngr_set_pdn_state(h.entity(), &set, nullptr), -1);
-    EXPECT_EQ(datamngr_get_pdn_state(h.entity(), nullptr, &reply), -1);
+    EXPECT_EQ(std::tuple(datamngr_set_pdn_state(nullptr, &set, &reply),
+                         datamngr_set_pdn_state(h.entity(), &set, nullptr),
+                         datamngr_get_pdn_state(h.entity(), nullptr, &reply)),
+              std::tuple(-1, -1, -1));
     EXPECT_EQ(logged("[DMGR-ERR] datamngr_set_pdn_state(): Invalid argument!!"), 2u);
     EXPECT_EQ(logged("[DMGR-ERR] datamngr_get_pdn_state(): Invalid argument!!"), 1u);
     h.pump();
     EXPECT_EQ(h.sent_to(TASK_RILDPROXY, 4019).size(), 2u);
 }
 
-TEST_F(Entity, RegistryLookups) {
+TEST_F(Entity, RegistryRowsAndLookups) {
+    std::string rows;
+    for (int i = 0; i < kTaskInfoRows; ++i) {
+        const TaskInfo *r = task_info_row(i);
+        rows += std::string(r->name) + " " + std::to_string(r->dest) + " " +
+                std::to_string(r->task_id) + " " + std::to_string(r->flag) + ",";
+    }
+    EXPECT_EQ(rows,
+              "imsm_0 0 0 1,imsm_0 0 0 1,imsm_1 0 0 1,imsm_2 0 0 1,imsm_3 0 0 1,lanmngr 0 0 0,"
+              "ati 1 0 1,ati1 1 0 1,ati2 1 0 1,ati3 1 0 1,ati4 1 0 1,rildproxy 2 202 0,");
+    EXPECT_EQ(std::tuple(task_info_row(12), task_info_row(-1)), std::tuple(nullptr, nullptr));
+    // The dispatcher's lengths, as the fuzzers read them.
+    bool known = false;
+    EXPECT_EQ(std::tuple(dm_expected_length(4003, &known), known), std::tuple(704u, true));
+    EXPECT_EQ(std::tuple(dm_expected_length(5000, &known), known), std::tuple(0u, false));
+    EXPECT_EQ(dm_expected_length(4004, nullptr), 47876u);
     h.announce(h.client("imsm_2"));
     EXPECT_EQ(query_task_info_by_name("nobody"), nullptr);
     EXPECT_EQ(logged("[DMGR-ERR] query_task_info_by_name for nobody fail"), 1u);
     EXPECT_EQ(query_task_info_by_name("imsm_1"), nullptr);  // a row, no announcement
     EXPECT_EQ(logged("query_task_info_by_name"), 1u);
-    evfw_event_t *imsm2 = query_task_info_by_name("imsm_2");
-    ASSERT_NE(imsm2, nullptr);
-    evfw_event_t *from_imsm2 = evfw_event_alloc(imsm2);
+    evfw_event_t *from_imsm2 = evfw_event_alloc(query_task_info_by_name("imsm_2"));
     for (auto [sim, from] : {std::pair{2u, 1}, {1u, 0}, {3u, 0}})
         EXPECT_EQ(is_event_from_imsm(&sim, from_imsm2), from) << sim;
     EXPECT_EQ(logged("[DMGR-DBG] is_event_from_imsm cannot find IMSM name for sim 1"), 1u);
     EXPECT_EQ(query_task_info(from_imsm2), task_info_row(3));
     evfw_event_free(from_imsm2);
-    output_task_info(task_info_row(11));
-    auto dump = h.logs_containing("rildproxy, event (nil), dest 2, task id 202");
-    ASSERT_EQ(dump.size(), 1u);
-    EXPECT_EQ(log_body(dump[0]), "rildproxy, event (nil), dest 2, task id 202");
 }
 
 // ---- the exported request senders ------------------------------------------------
@@ -297,42 +301,34 @@ struct SenderCase {
     uint32_t event_id, to;
     std::vector<Bytes> payloads;
 };
-
-Bytes text_at(size_t len, size_t offset, std::string_view text) {
-    Bytes b(len, 0);
-    put_text(b, offset, text);
-    return b;
-}
-
-Bytes cause(int n) {
-    return text_at(4108, 12, "+ECCAUSE: \"emm_cause\", " + std::to_string(n));
-}
-Bytes setup_answer_pdnet3() {
-    Bytes b = words(47876, {{176, 1}});
-    put_text(b, 28, "pdnet3");
-    return b;
-}
-int32_t notification(evfw_context_t *c) {
-    return dm_send_req_notification(c, "imsm_2");
-}
-
 SenderCase sends(const char *name, int32_t (*send)(evfw_context_t *), uint32_t event_id,
                  uint32_t to, std::vector<Bytes> payloads) {
     return {name, send, event_id, to, std::move(payloads)};
 }
+Bytes text_at(Bytes b, size_t offset, std::string_view text) {
+    return put_text(b, offset, text), b;
+}
+Bytes urc(std::string_view line) {
+    return text_at(Bytes(4108), 12, line);
+}
+const std::string kLongName(200, 'n');
 
 const SenderCase kSenders[] = {
-        sends("Notification", notification, 4002, 402, {text_at(132, 0, "imsm_2")}),
+        // A name is cut to keep its terminator.
+        sends("Notification",
+              [](evfw_context_t *c) { return dm_send_req_notification(c, kLongName.c_str()); },
+              4002, 402, {text_at(Bytes(132), 0, kLongName.substr(0, 131))}),
         sends("SetupRequests", dm_send_req_setup_data_call, 4003, 402,
               {Bytes(704), words(704, {{656, 1}, {680, 1}}), words(704, {{656, 1}})}),
         sends("SetupAnswers", dm_send_resp_setup_data_call, 4004, 402,
-              {words(47876, {{24, 1}, {188, 1}}), setup_answer_pdnet3(),
+              {words(47876, {{24, 1}, {188, 1}}), text_at(words(47876, {{176, 1}}), 28, "pdnet3"),
                words(47876, {{24, 2}, {176, 1}, {188, 1}})}),
         sends("RadioPower", dm_send_req_radio_power, 4032, 402, {Bytes(8)}),
         sends("Handover", dm_send_ho_notify, 9318, 402, {Bytes{0, 1, 0, 0, 0, 0}}),
         sends("Urc", dm_send_urc, 3006, 402,
-              {text_at(4108, 12, "+EAPNMOD: \"VZWINTERNET\""), cause(28), cause(50), cause(51),
-               cause(39), cause(54)}),
+              {urc("+EAPNMOD: \"VZWINTERNET\""), urc("+ECCAUSE: \"emm_cause\", 28"),
+               urc("+ECCAUSE: \"emm_cause\", 50"), urc("+ECCAUSE: \"emm_cause\", 51"),
+               urc("+ECCAUSE: \"emm_cause\", 39"), urc("+ECCAUSE: \"emm_cause\", 54")}),
         sends("NetlinkListen", dm_send_req_netlink_listen, 4070, 404, {words(4, {{0, 5566}})}),
 };
 
@@ -347,9 +343,8 @@ TEST_P(Senders, SendTheirEventsFromTheCallersContextAndNothingWithoutOne) {
     auto sent = h.rt().trace();
     ASSERT_EQ(sent.size(), c.payloads.size());
     for (size_t i = 0; i < sent.size(); ++i) {
-        EXPECT_EQ(sent[i].from, lan.id());
-        EXPECT_EQ(sent[i].event_id, c.event_id);
-        EXPECT_EQ(sent[i].to, c.to);
+        EXPECT_EQ(std::tuple(sent[i].from, sent[i].event_id, sent[i].to),
+                  std::tuple(lan.id(), c.event_id, c.to));
         EXPECT_TRUE(sent[i].data == c.payloads[i]) << "event " << i;
     }
 }
@@ -357,15 +352,93 @@ TEST_P(Senders, SendTheirEventsFromTheCallersContextAndNothingWithoutOne) {
 INSTANTIATE_TEST_SUITE_P(All, Senders, ::testing::ValuesIn(kSenders),
                          [](const auto &info) { return std::string(info.param.name); });
 
-TEST_F(Entity, NotificationNamesAreCutToKeepTheirTerminatorAndNullIsRefused) {
-    auto &lan = h.client("lanmngr");
-    const std::string name(200, 'n');
-    dm_send_req_notification(lan.ctx(), name.c_str());
-    EXPECT_EQ(dm_send_req_notification(lan.ctx(), nullptr), 0);
-    EXPECT_EQ(logged("[DMGR-ERR] dm_send_req_notification NULL name"), 1u);
-    auto sent = h.rt().trace();
-    ASSERT_EQ(sent.size(), 1u);
-    EXPECT_EQ(sent[0].data, text_at(132, 0, name.substr(0, 131)));
+// ---- imported calls failing ---------------------------------------------------
+// Where the library calls them directly: a fault plan fails the next call of
+// one kind, and the routine that saw it gives its result and its log lines,
+// with every event accounted for (the fixture).  The fault sweep fails every
+// call the shipped scenarios reach; these are the calls only other modules'
+// direct calls reach, and the results a scenario cannot see.
+
+struct FaultCase {
+    const char *name;
+    const char *plan;  // the call and which one fails
+    int32_t (*act)(Harness &h);
+    int32_t result;
+    const char *line, *line2 = nullptr;  // log lines that end so, once each
+};
+
+int32_t notify(Harness &) {
+    return dm_notify_to_imsm(&g_word, 4, 4042, 0);
 }
+// Each call as another module makes it.
+const FaultCase kFaults[] = {
+        {"PropertyAbsent", "property_get:1", notify, -1,
+         "[DMGR-ERR] rvn_datamngr_set_hdr(): property_get(qpx_multiple_ims_support) error!!"},
+        // Several IMS stacks: the main SIM's property is read second.
+        {"MainSimAbsent", "property_get:2",
+         [](Harness &h) {
+             h.rt().set_property("ro.qpx_multiple_ims_support", "1");
+             return notify(h);
+         },
+         -1, "[DMGR-ERR] rvn_datamngr_set_hdr(): property_get(simswitch) error!!"},
+        {"NoEventToSend", "evfw_event_alloc:1",
+         [](Harness &) { return dm_send_to_task(TASK_RILDPROXY, &g_word, 4, nullptr, 4003); }, -1,
+         "[DMGR-ERR] dm_send_to_task no event for event id 4003 to task 202"},
+        {"NoEventToReply", "evfw_event_alloc:1",
+         [](Harness &) { return dm_resp_to_external_channel(&g_word, 4, nullptr, 4042); }, -1,
+         "[DMGR-ERR] dm_resp_to_external_channel no event for event id 4042"},
+        // Before the RIL proxy is up the request would wait: it is dropped, not sent instead.
+        {"NoEventToHoldAPendingRequest", "evfw_event_alloc:1",
+         [](Harness &h) {
+             const int32_t r = dm_req_to_rild(&g_word, 4, nullptr, 4003);
+             return h.pump(), h.rt().trace().empty() ? r : -99;
+         },
+         0, "[DMGR-ERR] pending event 4003 dropped: no event to hold it"},
+        // An announcement as the dispatcher hands it over; the second
+        // allocation is the copy the registry would keep.
+        {"NoEventToKeepAnAnnouncement", "evfw_event_alloc:2",
+         [](Harness &) {
+             Bytes name = dm::testkit::announcement("lanmngr");
+             evfw_event_t *event = evfw_event_alloc(nullptr);
+             const int32_t r = dm_notification(name.data(), event);
+             return evfw_event_free(event), r;
+         },
+         -1, "[DMGR-ERR] dm_notification no event to keep the announcement of lanmngr"},
+        // A sender's refused event is released.
+        {"SenderRefused", "evfw_context_common_send:1",
+         [](Harness &h) { return dm_send_req_radio_power(h.client("lanmngr").ctx()); }, 0,
+         "[DMGR-ERR] dm_send_req_radio_power send event id 4032 to task 402 fail -1"},
+        // A state set answered on the request's own event (4059), which the
+        // framework refuses: the dispatcher keeps the event and frees it.
+        {"ReplyOnTheRequestRefused", "evfw_context_common_send:1",
+         [](Harness &h) {
+             h.send_bytes(h.client("lanmngr"), 4058, words(12, {{4, 4}, {8, 0}}));
+             return h.pump(), static_cast<int32_t>(h.sent_to(h.client("lanmngr").id()).size());
+         },
+         0, "[DMGR-ERR] datamngr_ext_send(): evfw_task_ext_send() error!!",
+         "[DMGR-ERR] datamngr_main_hdl(): datamngr_ext_send() error!!"},
+};
+
+class Faults : public DmTest, public ::testing::WithParamInterface<FaultCase> {};
+
+TEST_P(Faults, TheRoutineThatSawTheFailureSaysSo) {
+    const FaultCase &c = GetParam();
+    std::string error;
+    ASSERT_TRUE(h.rt().add_fault(c.plan, error)) << error;  // the plan starts the count
+    h.clear();
+    EXPECT_EQ(c.act(h), c.result);
+    h.pump();
+    size_t failed = 0;
+    for (const auto &d : h.rt().diagnostics()) failed += d.text.starts_with("fault plan:");
+    EXPECT_EQ(failed, 1u);
+    for (const char *line : {c.line, c.line2}) {
+        long n = 0;
+        for (const auto &l : h.logs()) n += line != nullptr && l.text.ends_with(line);
+        EXPECT_EQ(n, line != nullptr) << line;
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Calls, Faults, ::testing::ValuesIn(kFaults),
+                         [](const auto &info) { return std::string(info.param.name); });
 
 }  // namespace
