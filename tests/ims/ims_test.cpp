@@ -103,11 +103,11 @@ TEST_F(Ims, IndicationsTellWhetherTheyForwarded) {
     const auto list = std::make_unique<DataCallListInd>();
     DedicateBearerInd bearer = {};
     std::string results;
-    // IMS interfaces are told, others not; an IPv6-only call without its prefix is dropped.
+    // IMS interfaces are told, others not; an IPv6-only call without its prefix (polled for in
+    // vain) is dropped; an IPv4 one is not completed at all.
     for (auto [interface_id, pdp_type] : {std::pair{4, 0u}, {2, 0u}, {5, 1u}}) {
-        list->resp.interface_id = bearer.entry.interface_id = interface_id;
+        list->resp.interface_id = bearer.entry.interface_id = bearer.entry.cid = interface_id;
         list->resp.pdp_type = pdp_type;
-        bearer.entry.cid = interface_id;
         DedicateBearerDeactInd deact = {0, interface_id, 0};
         results += " " + values({dm_data_call_list_changed_urc(list.get(), nullptr),
                                  dm_dedicate_bearer_activated_urc(&bearer, nullptr),
@@ -119,8 +119,9 @@ TEST_F(Ims, IndicationsTellWhetherTheyForwarded) {
                       values({dm_ipv6_complete_for_indication("x", &list->resp, ims_para_slot(5)),
                               dm_if_status_req(nullptr, nullptr),
                               dm_if_rat_cell_info_req(nullptr, nullptr),
-                              dm_default_bearer_modified_urc(nullptr, nullptr)}),
-              " -1 -1 -1 -1 0 0 0 0 0 0 0 -1 -1 -1 0 -1 0 0 0");
+                              dm_default_bearer_modified_urc(nullptr, nullptr),
+                              fake_clock::sleeps()}),
+              " -1 -1 -1 -1 0 0 0 0 0 0 0 -1 -1 -1 0 -1 0 0 0 320");
 }
 
 // ---- the listener -------------------------------------------------------------------
