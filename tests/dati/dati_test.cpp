@@ -208,7 +208,7 @@ TEST_F(Dati, CfunGivesOneResultOverItsTwoAnswers) {
 
 // The tokeniser remembers how far into the line it got, from one call to the
 // next and from one line to the next, and shows it when a part is missing.
-TEST_F(Dati, TokeniserSplitsInPlaceAndShowsWhereItStopped) {
+TEST_F(Dati, TokeniserSplitsOnCommaAndCarriageReturnInPlace) {
     char *save = nullptr, a[] = "1,,2\r", b[] = "\"IP\",x\r\n", c[] = "a,b\rc", d[] = "ab,,\r";
     std::string tokens, parts;
     tokens += atctok(nullptr, &save) == nullptr ? "-" : "?";  // nothing parsed yet
