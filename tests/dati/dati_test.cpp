@@ -166,8 +166,9 @@ TEST_F(Dati, ReplyEntryPointsAnswerOrOnlyLog) {
     // Without an event for the answer, nothing goes out.
     ASSERT_TRUE(h.rt().add_fault("evfw_event_alloc:1-", error)) << error;
     EXPECT_EQ(values({dati_dummy_resp(nullptr, nullptr, 1), dati_dummy_urc(nullptr, "x", 0),
-                      dati_setup_data_call_resp(&setup, nullptr)}),
-              "-1 -1 -1");
+                      dati_setup_data_call_resp(&setup, nullptr),
+                      dm_forge_urc_hdl(nullptr, nullptr)}),
+              "-1 -1 -1 0");
     h.rt().clear_faults();
     // The rest only log that they were called.
     EXPECT_EQ(answers(dati_setup_dedicate_data_call_resp, dati_modify_data_call_resp,
