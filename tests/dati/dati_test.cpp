@@ -17,6 +17,11 @@ namespace {
 using namespace dm_test;
 using Routine = int32_t (*)(char *, uint32_t, uint32_t, evfw_event_t *);
 
+// Read as the library comes loaded, before any reset of its state.
+TEST(DatiAtLoad, AllowDataRepliesAreArmed) {
+    EXPECT_EQ(data_allow_reply_armed, 1u);
+}
+
 class Dati : public DmTest {
   protected:
     void SetUp() override {
@@ -58,8 +63,8 @@ class Dati : public DmTest {
 struct HandlerCase {
     const char *name;
     dati_atc_hdl_t hdl;
-    const char *params, *sent;
-    const char *lock;  // stray releases of the entity lock, lock kept, reply kept, row 1's state
+    // What goes out; stray releases of the entity lock, lock kept, reply kept, row 1's state.
+    const char *params, *sent, *lock;
 };
 
 const HandlerCase kHandlers[] = {
