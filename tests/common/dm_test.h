@@ -24,6 +24,7 @@ class DmTest : public ::testing::Test {
     }
     // Log lines that contain `text`.
     size_t logged(std::string_view text) const { return h.logs_containing(text).size(); }
+    long count(std::string_view text) const { return static_cast<long>(logged(text)); }
     // The payloads sent to `to` with `event_id`, in order.
     std::vector<Bytes> payloads(uint32_t to, uint32_t event_id) const {
         std::vector<Bytes> out;
@@ -43,6 +44,13 @@ inline Bytes words(size_t len, std::initializer_list<std::pair<size_t, uint32_t>
 }
 inline void put_text(Bytes &b, size_t offset, std::string_view text) {
     std::memcpy(b.data() + offset, text.data(), text.size());
+}
+// Values (results, counts) in the order they were taken, as one text: one
+// expectation for a sequence of calls, whose braces fix that order.
+inline std::string values(std::initializer_list<long> taken) {
+    std::string out;
+    for (long v : taken) out += (out.empty() ? "" : " ") + std::to_string(v);
+    return out;
 }
 
 }  // namespace dm_test

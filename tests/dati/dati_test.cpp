@@ -1,8 +1,10 @@
-// The AT command interface where it is called directly or needs what no
-// scenario can send: the reply entry points, the tokeniser, malformed and
-// overlong lines, the entity lock that +CGACT and +VZWACT leave behind, the
-// self-triggered AT commands matched by cookie, and the URC hooks.
-#include <thread>
+// The AT command interface where another module calls it, or where what it
+// does shows only in the runtime's counters: the handlers and the reply entry
+// points called directly (their results, the entity lock, the held reply),
+// the tokeniser's remembered position, lines that do not end inside their
+// event, the exported command table, the self-triggered AT commands matched
+// by cookie, the URC routines' results and effects and the operator hooks.
+#include <map>
 
 #include "common/dm_test.h"
 #include "dati/dati.h"
@@ -13,6 +15,12 @@
 namespace {
 
 using namespace dm_test;
+using Routine = int32_t (*)(char *, uint32_t, uint32_t, evfw_event_t *);
+
+// Read as the library comes loaded, before any reset of its state.
+TEST(DatiAtLoad, AllowDataRepliesAreArmed) {
+    EXPECT_EQ(data_allow_reply_armed, 1u);
+}
 
 class Dati : public DmTest {
   protected:
@@ -28,360 +36,358 @@ class Dati : public DmTest {
         h.task(TASK_ATI_ATC).send(TASK_DATAMNGR_DATI_HDL, event_id, data, len);
         h.pump();
     }
-    // The texts the AT client (7) and the URC task (8) received, in order.
-    std::vector<std::string> texts() const {
-        std::vector<std::string> out;
+    // What the AT interface (7, 8) and the RIL proxy received since the last
+    // look: "|4066:" a result's text, "|15:" a forwarded line and its length,
+    // "|18:"/"|21:" a URC's text, "|202:" a request's id and its first byte.
+    std::string sent() {
+        std::string out;
         for (const auto &e : h.rt().trace()) {
-            if (e.to == TASK_ATI_ATC && e.event_id == EVENT_DATAMNGR_ATCMD_RESP) {
-                EXPECT_EQ(e.len, sizeof(AtCmdResp));
-                out.push_back(std::string("7 ") + record_of<AtCmdResp>(e).text);
-            } else if (e.to == TASK_ATI_URC) {
-                out.push_back(std::to_string(e.event_id) + " " + record_of<AtUrc>(e).text);
-            } else if (e.to == TASK_ATI_ATC) {
-                out.push_back("15 " + std::string(reinterpret_cast<const char *>(e.data.data())));
-            }
+            const size_t at = e.to == TASK_ATI_URC                      ? 12
+                              : e.event_id == EVENT_DATAMNGR_ATCMD_RESP ? 20
+                                                                        : 0;
+            const char *text = reinterpret_cast<const char *>(e.data.data()) + at;
+            if (e.to == TASK_RILDPROXY)
+                out += "|202:" + std::to_string(e.event_id) + "=" + std::to_string(e.data[0]);
+            if (e.to != TASK_ATI_ATC && e.to != TASK_ATI_URC) continue;
+            out += "|" + std::to_string(e.event_id) + ":" +
+                   std::string(text, strnlen(text, e.len - at));
+            if (e.event_id == EVENT_ATI_ATCMD_FWD) out += "/" + std::to_string(e.len);
         }
+        h.rt().clear_trace();
         return out;
-    }
-    // A reply entry point called as the host side does, with a template.
-    template <typename Record>
-    void answer(int32_t (*fn)(const Record *, evfw_event_t *), const Record *record = nullptr,
-                int32_t ret = 0) {
-        evfw_event_t *tmpl = evfw_event_alloc(nullptr);
-        EXPECT_EQ(fn(record, tmpl), ret);
-        evfw_event_free(tmpl);
-        h.pump();
-    }
-    template <typename... Record>
-    void answer_each(int32_t (*...fns)(const Record *, evfw_event_t *)) {
-        (answer(fns), ...);
     }
 };
 
-TEST_F(Dati, RepliesBeforeTheTaskHasSeenItsEntitySendNothing) {
-    answer(dati_radio_power_resp);
-    EXPECT_EQ(dati_setup_data_call_resp(nullptr, nullptr), -1);
-    EXPECT_EQ(dati_dummy_urc(nullptr, "+CGEV: ME PDN ACT 1", 1), 0);
+// ---- the handlers, called as the AT command interface calls them ---------------------
+
+struct HandlerCase {
+    const char *name;
+    dati_atc_hdl_t hdl;
+    // What goes out; stray releases of the entity lock, lock kept, reply kept, row 1's state.
+    const char *params, *sent, *lock;
+};
+
+const HandlerCase kHandlers[] = {
+        // Allow data for 1 and 4 only; the value as given for radio power.
+        {"CfunOn", dati_cfun_assign_hdl, "4\r", "|202:4037=1|202:4032=4", "0 0 0 -1"},
+        {"CfunOff", dati_cfun_assign_hdl, "0\r", "|202:4037=0|202:4032=0", "0 0 0 -1"},
+        {"Efun", dati_efun_assign_hdl, "12\r", "|202:4032=12", "0 0 0 -1"},
+        {"EgtypeOn", dati_egtype_assign_hdl, "4\r", "|202:4037=1", "0 0 0 -1"},
+        {"EgtypeOff", dati_egtype_assign_hdl, "2\r", "|202:4037=0", "0 0 0 -1"},
+        {"Cgdcont", dati_cgdcont_assign_hdl, "2,\"IP\",\"a\"\r", "|4066:\r\nOK\r\n", "0 0 0 -1"},
+        {"CgdcontType", dati_cgdcont_assign_hdl, "2,IP,\"a\"\r", "|4066:\r\nERROR\r\n", "0 0 0 -1"},
+        // Activation and deactivation release the lock once more than they took it.
+        {"CgactActivates", dati_cgact_assign_hdl, "1,1\r", "|202:4003=0", "1 0 0 1"},
+        {"CgactDeactivates", dati_cgact_assign_hdl, "0,0\r",
+         "|202:4005=0|4066:\r\n+CGEV: ME PDN DEACT 0\r\n\r\nOK\r\n", "1 0 0 0"},
+        {"CgactNoRow", dati_cgact_assign_hdl, "1,7\r", "|4066:\r\nERROR\r\n", "0 0 0 -1"},
+        {"CgactWrongState", dati_cgact_assign_hdl, "2,1\r", "|4066:\r\nERROR\r\n", "0 0 0 -1"},
+        {"CgactQuery", dati_cgact_query_hdl, "\r",
+         "|4066:\r\n+CGACT: 0, 0\r\n+CGACT: 1, 0\r\n+CGACT: 2, 0\r\n+CGACT: 3, 0\r\n+CGACT: 4, "
+         "0\r\n"
+         "+CGACT: 5, 0\r\n+CGACT: 6, 0\r\n+CGACT: 7, 0\r\n+CGACT: 8, 0\r\n+CGACT: 9, 0\r\n"
+         "+CGACT: 10, 0\r\n\r\nOK\r\n",
+         "0 0 0 -1"},
+        // The lock stays taken and the reply stays held: the next command overwrites it.
+        {"Vzwact", dati_vzwact_assign_hdl, "1,x\r", "|4066:\r\nERROR\r\n", "0 1 1 -1"},
+        {"VzwactQuery", dati_vzwact_query_hdl, "\r", "|15:AT+CGACT?\r\n/12", "0 0 0 -1"},
+        {"ForgeUrc", dati_forge_urc_assign_hdl, "\"a\"\"b\",c\r",
+         "|4066:\r\nOK\r\n|18:\r\nab,c\r\r\n", "0 0 0 -1"},
+        {"BypassQuery", dati_bypass_query_hdl, "AT+X?\r", "|15:AT+X?\r/7", "0 0 0 -1"}};
+
+class Handlers : public Dati, public ::testing::WithParamInterface<HandlerCase> {};
+
+TEST_P(Handlers, ResultLockAndHeldReply) {
+    const HandlerCase &c = GetParam();
+    at("AT+CGDCONT=1,\"IP\",\"internet\"\r");  // row 1, CID 1; the task sees its entity
+    sent();
+    std::string params = c.params;
     evfw_event_t *held = evfw_event_alloc(nullptr);
-    char query[] = "AT+EGTYPE?\r";
-    EXPECT_EQ(dati_bypass_query_hdl(nullptr, query, &held), 0);
-    EXPECT_EQ(held, nullptr);
-    EXPECT_TRUE(texts().empty());
-    for (const char *fn : {"dati_dummy_resp", "dati_dummy_urc", "dati_setup_data_call_resp",
-                           "dati_bypass_query_hdl"}) {
-        EXPECT_EQ(logged(std::string(fn) + "(): dm_entity_priv = NULL!!"), 1u) << fn;
-    }
+    const long unlocks = h.rt().bad_unlocks();
+    EXPECT_EQ(c.hdl(&dati_atc_tbl[0], params.data(), &held), 0);
+    h.pump();
+    // Whether this thread still holds the entity lock: a release succeeds.
+    const bool kept_lock = h.entity()->lock.unlock(&h.entity()->lock) == 0;
+    EXPECT_EQ(sent(), c.sent);
+    EXPECT_EQ(values({h.rt().bad_unlocks() - unlocks - !kept_lock, kept_lock, held != nullptr,
+                      h.entity()->at_pdp_ctx[1].state}),
+              c.lock);
+    evfw_event_free(held);
 }
 
-TEST_F(Dati, ReplyEntryPointsGiveTheirTexts) {
-    to_dati(EVENT_DATAMNGR_ATCMD_RESP, nullptr, 0);  // the task sees its entity
+INSTANTIATE_TEST_SUITE_P(Each, Handlers, ::testing::ValuesIn(kHandlers),
+                         [](const auto &info) { return std::string(info.param.name); });
+
+// Called before the task has seen its entity, the handlers that send from
+// the task free their reply and send nothing (the three that only ask the
+// RIL proxy ask all the same); without a reply to hold, every handler does
+// nothing.
+TEST_F(Dati, HandlersWithoutEntityOrReplyDoNothing) {
+    for (auto hdl : {dati_cgdcont_assign_hdl, dati_cgact_assign_hdl, dati_cgact_query_hdl,
+                     dati_vzwact_assign_hdl, dati_vzwact_query_hdl, dati_bypass_query_hdl,
+                     dati_cfun_assign_hdl, dati_efun_assign_hdl, dati_egtype_assign_hdl,
+                     dati_forge_urc_assign_hdl}) {
+        std::string params = "1,\"IP\",\"a\"\r";
+        evfw_event_t *held = evfw_event_alloc(nullptr), *none = nullptr;
+        EXPECT_EQ(values({hdl(dati_atc_tbl, params.data(), &held), held != nullptr,
+                          hdl(dati_atc_tbl, params.data(), &none),
+                          hdl(dati_atc_tbl, params.data(), nullptr)}),
+                  "0 0 0 0");
+    }
+    // A query without a line to pass on; what went out stays what it was.
+    evfw_event_t *held = evfw_event_alloc(nullptr);
+    EXPECT_EQ(values({dati_bypass_query_hdl(dati_atc_tbl, nullptr, &held), held != nullptr,
+                      count("(): dm_entity_priv = NULL!!")}) +
+                      sent(),
+              "0 0 8|202:4037=1|202:4037=1");
+}
+
+// ---- the reply entry points -------------------------------------------------------
+
+TEST_F(Dati, ReplyEntryPointsAnswerOrOnlyLog) {
     SetupDataCallResp setup = {};
+    std::string error;
     setup.interface_id = 3;
     setup.status = 27;  // not looked at
-    answer(dati_setup_data_call_resp, &setup);
-    answer(dati_fail_resp);
-    answer(dati_deactivate_data_call_resp);
-    answer(dati_deactivate_data_call_if_resp);
-    answer(dati_radio_power_resp);
-    answer_each(dati_setup_dedicate_data_call_resp, dati_modify_data_call_resp,
-                dati_deactivate_dedicate_data_call_resp, dati_abort_setup_data_call_resp,
-                dati_pcscf_discovery_pco_resp, dati_last_data_call_fail_cause_resp,
-                dati_data_call_list_resp, dati_data_call_list_changed_urc,
-                dati_dedicate_bearer_activated_urc, dati_dedicate_bearer_modified_urc,
-                dati_dedicate_bearer_deactivated_urc);
-    evfw_event_t *held = evfw_event_alloc(nullptr);
-    char query[] = "AT+EGTYPE?\r";
-    EXPECT_EQ(dati_bypass_query_hdl(nullptr, query, &held), 0);
-    EXPECT_EQ(held, nullptr);
-    dati_dummy_urc(nullptr, std::string(5000, 'z').c_str(), 1);
+    auto answers = [&](auto... fns) {
+        evfw_event_t *tmpl = evfw_event_alloc(nullptr);
+        std::string results;
+        ((results += std::to_string(fns(nullptr, tmpl))), ...);
+        evfw_event_free(tmpl);
+        h.pump();
+        return results + sent();
+    };
+    // Before the task has seen its entity nothing goes out.
+    const std::string before =
+            values({dati_setup_data_call_resp(&setup, nullptr), dati_dummy_urc(nullptr, "x", 1),
+                    dati_dummy_resp(nullptr, nullptr, 1)});
+    EXPECT_EQ(before + answers(dati_radio_power_resp), "-1 0 00");
+    to_dati(EVENT_DATAMNGR_ATCMD_RESP, nullptr, 0);  // the task sees its entity
+    const std::string after = values({dati_setup_data_call_resp(&setup, nullptr),
+                                      dati_setup_data_call_resp(nullptr, nullptr)});
+    EXPECT_EQ(after + answers(dati_fail_resp, dati_deactivate_data_call_resp,
+                              dati_deactivate_data_call_if_resp),
+              "0 -1000|4066:\r\n+CGEV: ME PDN ACT "
+              "3\r\n\r\nOK\r\n|4066:\r\nERROR\r\n|4066:\r\nOK\r\n|4066:\r\nOK\r\n");
+    // Without an event for the answer, nothing goes out.
+    ASSERT_TRUE(h.rt().add_fault("evfw_event_alloc:1-", error)) << error;
+    EXPECT_EQ(values({dati_dummy_resp(nullptr, nullptr, 1), dati_dummy_urc(nullptr, "x", 0),
+                      dati_setup_data_call_resp(&setup, nullptr),
+                      dm_forge_urc_hdl(nullptr, nullptr)}),
+              "-1 -1 -1 0");
+    h.rt().clear_faults();
+    // The rest only log that they were called.
+    EXPECT_EQ(answers(dati_setup_dedicate_data_call_resp, dati_modify_data_call_resp,
+                      dati_deactivate_dedicate_data_call_resp, dati_abort_setup_data_call_resp,
+                      dati_pcscf_discovery_pco_resp, dati_last_data_call_fail_cause_resp,
+                      dati_data_call_list_resp, dati_data_call_list_changed_urc,
+                      dati_dedicate_bearer_activated_urc, dati_dedicate_bearer_modified_urc,
+                      dati_dedicate_bearer_deactivated_urc),
+              "00000000000");
+    // A URC's text is cut to what its record holds.
+    EXPECT_EQ(dati_dummy_urc(nullptr, std::string(4096, 'z').c_str(), 0), 0);
     h.pump();
-    EXPECT_EQ(texts(), (std::vector<std::string>{"7 \r\n+CGEV: ME PDN ACT 3\r\n\r\nOK\r\n",
-                                                 "7 \r\nERROR\r\n", "7 \r\nOK\r\n", "7 \r\nOK\r\n",
-                                                 "7 \r\nOK\r\n", "15 AT+EGTYPE?\r",
-                                                 "21 " + std::string(4095, 'z')}));
-    for (const char *line : {") dati_setup_data_call_resp(): call dati_dummy_resp()!!",
-                             ") dati_deactivate_data_call_resp(): call dati_dummy_resp()!!",
-                             ") dati_deactivate_data_call_if_resp(): call dati_dummy_resp()!!",
-                             ") dati_radio_power_resp(): call dati_dummy_resp()!!",
-                             ") dati_setup_data_call_resp() sent event "
-                             "EVENT_DATAMNGR_ATCMD_RESP(4066) to TASK_ATI_ATC(7)",
-                             ") dati_modify_data_call_resp(): in and out!!",
-                             ") dati_dedicate_bearer_deactivated_urc(): in and out!!",
-                             ") dati_bypass_query_hdl(): redirecting AT Cmd = \"AT+EGTYPE?\r\" to "
-                             "Modem Manager through ATI"}) {
-        EXPECT_EQ(logged(line), 1u) << line;
-    }
-    EXPECT_EQ(logged(") dati_dummy_resp() sent event EVENT_DATAMNGR_ATCMD_RESP(4066) to "
-                     "TASK_ATI_ATC(7)"),
-              4u);
-    EXPECT_EQ(logged("in and out!!"), 11u);
+    EXPECT_EQ(sent(), "|18:" + std::string(4095, 'z'));
+    EXPECT_EQ(count("(): in and out!!"), 11);
 }
 
-TEST_F(Dati, CfunGivesOneResultOverItsTwoAnswersAndEgtypeSpeaks) {
+// +CFUN's allow-data answer only re-arms the flag (its lowest byte); its
+// radio-power answer gives the one result.
+TEST_F(Dati, CfunGivesOneResultOverItsTwoAnswers) {
+    to_dati(EVENT_DATAMNGR_ATCMD_RESP, nullptr, 0);
     data_allow_reply_armed = 0x201;
     at("AT+CFUN=1\r");
-    EXPECT_EQ(data_allow_reply_armed, 0x200u);  // only the lowest byte is cleared
-    answer(dati_allow_data_resp);
-    EXPECT_TRUE(texts().empty());
-    EXPECT_EQ(data_allow_reply_armed, 0x201u);
-    answer(dati_radio_power_resp);
-    at("AT+EGTYPE=1\r");
-    answer(dati_allow_data_resp);
-    EXPECT_EQ(texts(), (std::vector<std::string>{"7 \r\nOK\r\n", "7 \r\nOK\r\n"}));
-    EXPECT_EQ(logged(") dati_allow_data_resp(): call dati_dummy_resp()!!"), 2u);
+    const uint32_t cleared = data_allow_reply_armed;
+    evfw_event_t *tmpl = evfw_event_alloc(nullptr);
+    EXPECT_EQ(values({cleared, dati_allow_data_resp(nullptr, tmpl), data_allow_reply_armed,
+                      dati_allow_data_resp(nullptr, tmpl), data_allow_reply_armed}),
+              "512 0 513 0 513");
+    evfw_event_free(tmpl);
+    EXPECT_EQ(sent(), "|202:4037=1|202:4032=1|4066:\r\nOK\r\n");
+    // A reset of the library's state arms it again and forgets the task's entity.
+    dm::testkit::reset_library_state();
+    EXPECT_EQ(values({data_allow_reply_armed, dati_dummy_resp(nullptr, nullptr, 1),
+                      long(h.rt().trace().size())}),
+              "1 0 0");
 }
 
+// ---- the task and its tokeniser -----------------------------------------------------
+
+// The tokeniser remembers how far into the line it got, from one call to the
+// next and from one line to the next, and shows it when a part is missing.
 TEST_F(Dati, TokeniserSplitsOnCommaAndCarriageReturnInPlace) {
-    auto split = [](char *line) {
-        std::vector<std::string> out;
-        char *save = nullptr;
+    char *save = nullptr, a[] = "1,,2\r", b[] = "\"IP\",x\r\n", c[] = "a,b\rc", d[] = "ab,,\r";
+    std::string tokens, parts;
+    tokens += atctok(nullptr, &save) == nullptr ? "-" : "?";  // nothing parsed yet
+    for (char *line : {a, b, c, d}) {
         for (char *t = atctok(line, &save); t != nullptr; t = atctok(nullptr, &save))
-            out.emplace_back(t);
-        return out;
-    };
-    char a[] = "1,,2\r";
-    EXPECT_EQ(split(a), (std::vector<std::string>{"1", "2"}));
-    char b[] = "\"IP\",x\r\n";
-    EXPECT_EQ(split(b), (std::vector<std::string>{"\"IP\"", "x", "\n"}));
-    char c[] = "a,b\rc";
-    EXPECT_EQ(split(c).size(), 3u);
-    EXPECT_EQ(std::string(c, sizeof(c)), std::string("a\0b\0c\0", 6));
-    // Each end of a line shows what was left of it; never past its end.
-    EXPECT_EQ(logged(") Incorrect AT command format with an unexpected part \n!!"), 1u);
-    EXPECT_EQ(logged(") Incorrect AT command format with an unexpected part !!"), 2u);
-    EXPECT_EQ(atctok(nullptr, nullptr), nullptr);
+            tokens += "[" + std::string(t) + "]";
+    }
+    save = nullptr;
+    tokens += atctok(nullptr, &save) == nullptr ? "-" : "?";
+    dm::testkit::reset_library_state();  // forgets the position
+    tokens += atctok(nullptr, nullptr) == nullptr ? "-" : "?";
+    const char want[] = "-[1][2][\"IP\"][x][\n][a][b][c][ab]--a\0b\0c\0";
+    EXPECT_EQ(tokens + std::string(c, sizeof(c)), std::string(want, sizeof(want) - 1));
+    for (const auto &l : h.logs()) {
+        const std::string body(log_body(l.text));
+        parts += body.starts_with("Incorrect AT command format with an unexpected part ")
+                         ? body.substr(52) + "|"
+                         : "";
+    }
+    EXPECT_EQ(parts, "!!|!!|\n!!|!!|,\r!!|,\r!!|!!|");
 }
 
-TEST_F(Dati, MalformedAndOverlongLinesStayInsideTheirEvents) {
+TEST_F(Dati, LinesThatDoNotEndInsideTheirEventAreRefusedLongOnesCut) {
     const char unterminated[] = {'A', 'T', '+', 'C', 'F', 'U', 'N', '=', '1'};
     to_dati(EVENT_DATAMNGR_ATCMD_REQ, unterminated, sizeof(unterminated));
     to_dati(EVENT_DATAMNGR_ATCMD_REQ, nullptr, 0);
-    EXPECT_EQ(logged(") datamngr_entity_dati_task_hdl(): AT Cmd = \"INVAL_AT_VAL\""), 2u);
-    EXPECT_EQ(logged(") datamngr_dati_task_hdl(): AT Cmd of 9 bytes without its end is refused!!"),
-              1u);
     at("AT+CGDCONT=1,\"IP\",\"" + std::string(5000, 'a') + "\"\r");
-    EXPECT_EQ(std::string(h.entity()->at_pdp_ctx[1].setup_req.apn), std::string(127, 'a'));
     at("AT@URC=" + std::string(5000, 'u') + "\r");
-    at("AT+COPS=" + std::string(5000, '9'));
-    EXPECT_EQ(texts(), (std::vector<std::string>{
-                               "7 \r\nERROR\r\n", "7 \r\nERROR\r\n", "7 \r\nOK\r\n", "7 \r\nOK\r\n",
-                               "18 \r\n" + std::string(253, 'u'), "7 \r\nERROR\r\n"}));
-    // Handlers called without a held reply do nothing.
-    evfw_event_t *none = nullptr;
-    char params[] = "1\r";
-    for (auto hdl : {dati_cfun_assign_hdl, dati_efun_assign_hdl, dati_egtype_assign_hdl,
-                     dati_cgdcont_assign_hdl, dati_cgact_assign_hdl, dati_cgact_query_hdl,
-                     dati_vzwact_assign_hdl, dati_vzwact_query_hdl, dati_forge_urc_assign_hdl,
-                     dati_bypass_query_hdl}) {
-        EXPECT_EQ(hdl(&dati_atc_tbl[0], params, &none), 0);
-        EXPECT_EQ(hdl(&dati_atc_tbl[0], params, nullptr), 0);
-    }
-    EXPECT_EQ(texts().size(), 6u);
+    EXPECT_EQ(sent(),
+              "|4066:\r\nERROR\r\n|4066:\r\nERROR\r\n|4066:\r\nOK\r\n|4066:\r\nOK\r\n|18:\r\n" +
+                      std::string(253, 'u'));
+    EXPECT_EQ(h.entity()->at_pdp_ctx[1].setup_req.apn, std::string(127, 'a'));
+    EXPECT_EQ(values({count(") datamngr_entity_dati_task_hdl(): AT Cmd = \"INVAL_AT_VAL\""),
+                      count(") datamngr_dati_task_hdl(): AT Cmd of 9 bytes without its end is "
+                            "refused!!")}),
+              "2 1");
+    // Called directly: without an event there is nothing to do; a registration
+    // with no context to send it from goes nowhere.
+    evfw_event_t *reg = evfw_event_alloc(nullptr);
+    event_set_id(reg, EVENT_DATAMNGR_ATCMD_REGISTER);
+    event_set_data(reg, 0, "ati9", 5);
+    const std::string results = values({datamngr_dati_task_hdl(nullptr, nullptr, h.entity()),
+                                        datamngr_dati_task_hdl(nullptr, reg, h.entity())});
+    EXPECT_EQ(results + sent(), "0 0");
 }
 
-// The exported command table as other modules read it: names, parameter
-// counts and the parameter names the log lines use, in order.
-TEST(DatiTable, RowsNameTheirCommandsAndParameters) {
-    const std::vector<std::vector<std::string>> want = {{"AT+VZWACT", "State", "APN"},
-                                                        {"AT+CFUN", "Fun"},
-                                                        {"AT+EFUN", "Fun"},
-                                                        {"AT+EGTYPE", "Type"},
-                                                        {"AT+CGDCONT", "CID", "PDP Type", "APN"},
-                                                        {"AT+CGACT", "State", "CID"},
-                                                        {"AT@URC", "Content"}};
-    std::vector<std::vector<std::string>> got;
+// The exported command table: the parameters each row counts and names are
+// the ones its command's handler reads and logs (AT@URC takes its content
+// whole and logs nothing of it).
+TEST_F(Dati, TableCountsTheParametersEachCommandReads) {
+    const char *lines[] = {
+            "AT+VZWACT=1,\"x\"\r",         "AT+CFUN=1\r",    "AT+EFUN=1\r", "AT+EGTYPE=1\r",
+            "AT+CGDCONT=1,\"IP\",\"x\"\r", "AT+CGACT=1,1\r", "AT@URC=x\r"};
+    std::string table, read;
     for (const DatiAtcEntry &row : dati_atc_tbl) {
-        got.push_back({row.command});
-        for (int32_t i = 0; i < row.param_count; ++i) got.back().push_back(row.param_names[i]);
-    }
-    EXPECT_EQ(got, want);
-}
-
-// Each handler, called straight with a held reply, ends with 0 whatever it
-// did with the reply.
-TEST_F(Dati, HandlersReturnZero) {
-    const std::pair<dati_atc_hdl_t, std::vector<const char *>> cases[] = {
-            {dati_cfun_assign_hdl, {"1\r", "\r"}},
-            {dati_efun_assign_hdl, {"1\r", "\r"}},
-            {dati_egtype_assign_hdl, {"1\r", "\r"}},
-            {dati_cgdcont_assign_hdl, {"1,x,\"a\"\r", "1,\"IP\",\"a\"\r"}},
-            {dati_vzwact_assign_hdl, {"1,x\r"}},
-            {dati_cgact_assign_hdl, {"1,1\r", "0,0\r", "3,1\r", "1,9\r"}},
-            {dati_cgact_query_hdl, {"\r"}},
-            {dati_vzwact_query_hdl, {"\r"}},
-            {dati_vzwact_assign_hdl, {"\r"}},
-            {dati_forge_urc_assign_hdl, {"x\r"}},
-            {dati_bypass_query_hdl, {"AT+X?\r"}}};
-    // First before the task has seen its entity, then after.
-    for (int round = 0; round < 2; ++round) {
-        for (const auto &[hdl, all_params] : cases) {
-            for (std::string params : all_params) {
-                evfw_event_t *held = evfw_event_alloc(nullptr);
-                EXPECT_EQ(hdl(&dati_atc_tbl[5], params.data(), &held), 0) << params;
-                evfw_event_free(held);  // whatever a handler left in the slot
-            }
+        const size_t before = h.logs().size(), i = &row - dati_atc_tbl;
+        at(lines[i]);
+        table += std::string(" ") + row.command + ":";
+        read += std::string(" ") + row.command + ":" + (i == 6 ? "Content," : "");
+        for (int p = 0; p < row.param_count; ++p) table += std::string(row.param_names[p]) + ",";
+        const auto logs = h.logs();
+        for (auto l = logs.begin() + static_cast<long>(before); l != logs.end(); ++l) {
+            const std::string body(log_body(l->text)), name = body.substr(body.find("(): ") + 4);
+            if (body.starts_with("dati_") && name.find(" = ") != std::string::npos)
+                read += name.substr(0, name.find(" = ")) + ",";
         }
-        to_dati(EVENT_DATAMNGR_ATCMD_RESP, nullptr, 0);
     }
-    // The vzwact lines above hold the entity lock once each (deliberately).
-    h.entity()->lock.unlock(&h.entity()->lock);
+    EXPECT_EQ(table, read);
 }
 
-TEST_F(Dati, CgdcontAndCgactKeepTheirRowsAndCgactReleasesTheLockOnceMore) {
-    at("AT+CGDCONT=9,\"IPV6\",\"internet\"\r");
-    const AtPdpContext &row = h.entity()->at_pdp_ctx[1];
-    EXPECT_EQ(std::tuple(row.cid, row.state, row.setup_req.ip_type, row.setup_req.interface_id,
-                         row.deact_req.id),
-              std::tuple(9, -1, 1u, 1u, 0u));
-    EXPECT_EQ(h.entity()->at_pdp_ctx[9].cid, -1);
-    at("AT+CGACT=1,9\r");
-    EXPECT_EQ(std::tuple(row.state, h.rt().bad_unlocks()), std::tuple(1, 1L));
-    at("AT+CGACT=0,0\r");
-    EXPECT_EQ(std::tuple(row.state, h.rt().bad_unlocks()), std::tuple(0, 2L));
-}
+// ---- the modem's AT manager -------------------------------------------------------
 
-TEST_F(Dati, VzwactKeepsTheLockAndItsReply) {
-    at("AT+VZWACT=1,\"x\"\r");
-    EXPECT_EQ(texts(), std::vector<std::string>{"7 \r\nERROR\r\n"});
-    ASSERT_NE(h.entity()->cur_atcmd_event, nullptr);
-    h.rt().set_wait_limit(std::chrono::milliseconds(20));
-    evfw_mutex_t *lock = &h.entity()->lock;
-    int other = 0;
-    std::thread([&] { other = lock->lock(lock); }).join();
-    EXPECT_EQ(other, -1);
-}
-
-// ---- self-triggered AT commands ----------------------------------------------------
-
-class SelfTrigger : public Dati {
-  protected:
-    // The modem's AT manager answers each command `answers` times, with the
-    // cookie moved by `shift`.
-    void modem_answers(uint64_t shift, int answers) {
-        h.task(TASK_ATMNGR).on_receive([=](evfw_host::Peer &self, const evfw_host::Received &in) {
-            const AtCmdReq *req = in.as<AtCmdReq>();
-            if (req == nullptr) return;
-            AtCmdResp resp = {};
-            resp.cookie = req->cookie + shift;
-            resp.result = 7;
-            strcpy(resp.text, "\r\nOK\r\n");
-            for (int i = 0; i < answers; ++i)
-                self.reply(in.event, TASK_DATAMNGR, EVENT_ATMNGR_ATCMD_RESP, &resp, sizeof(resp));
-        });
-    }
-};
-
-TEST_F(SelfTrigger, AnswersAreMatchedByCookie) {
-    const struct {
-        uint64_t shift;
-        int answers;
-        int32_t pending;
-        size_t alive, unknown;
-    } cases[] = {{0, 1, 0, 0, 0}, {8, 1, 1, 1, 1}, {0, 2, 1, 1, 2}};
-    for (const auto &c : cases) {
-        modem_answers(c.shift, c.answers);
-        self_trigger_atcmd_req("AT+X\r\n");
-        h.pump();
-        EXPECT_EQ(std::tuple(atcmd_pending, dati_atcmd_contexts_alive(),
-                             logged("[DMGR-ERR] dm_atcmd_resp unknown cookie 0x")),
-                  std::tuple(c.pending, c.alive, c.unknown));
-    }
-    EXPECT_EQ(h.rt().timeouts(), 0);
-    EXPECT_EQ(logged("[DMGR-INF] dm_atcmd_resp res:7 \r\nOK\r\n\b\b from AT+X\r\n\b\b priv "), 2u);
-    EXPECT_EQ(logged(" pending 0"), 1u);
-}
-
-TEST_F(SelfTrigger, RequestCarriesTheCommandAndTheC2kOneIsDropped) {
-    modem_answers(0, 1);
+// Self-triggered AT commands go to the modem's AT manager through the main
+// task; its answer is matched to the command by the cookie it echoes.
+TEST_F(Dati, SelfTriggeredCommandsAreMatchedByCookie) {
     self_trigger_atcmd_req("AT+EAPN?\r\n");
     self_trigger_atcmd_req(std::string(600, 'c').c_str());
     h.pump();
-    auto to_modem = h.sent_to(TASK_ATMNGR, EVENT_ATMNGR_ATCMD_REQ);
+    const auto to_modem = h.sent_to(TASK_ATMNGR, EVENT_ATMNGR_ATCMD_REQ);
     ASSERT_EQ(to_modem.size(), 2u);
-    auto req = record_of<AtCmdReq>(to_modem[0]);
-    EXPECT_EQ(std::tuple(req.kind, std::string(req.text)),
-              std::tuple(5u, std::string("AT+EAPN?\r\n")));
-    EXPECT_EQ(std::string(record_of<AtCmdReq>(to_modem[1]).text), std::string(510, 'c'));
-    EXPECT_EQ(logged("[DMGR-INF] self_trigger_atcmd_req AT+EAPN?\r\n\b\b priv "), 1u);
-    EXPECT_EQ(logged("[DMGR-INF] dm_atcmd_req AT+EAPN?\r\n"), 1u);
-    // 3003 has no row in the dispatcher: its context and count stay for good.
+    const AtCmdReq first = record_of<AtCmdReq>(to_modem[0]);
+    EXPECT_EQ(values({first.kind, atcmd_pending, long(dati_atcmd_contexts_alive())}), "5 2 2");
+    EXPECT_EQ(first.text + std::string(record_of<AtCmdReq>(to_modem[1]).text),
+              "AT+EAPN?\r\n" + std::string(510, 'c'));
+    // An unknown cookie (its text shown whole), the right one, the same again.
+    const auto resp = std::make_unique<AtCmdResp>(AtCmdResp{first.cookie + 8, {}, 7, {}, {}});
+    memset(resp->text, 'r', sizeof(resp->text));
+    const int32_t unknown = dm_atcmd_resp(resp.get(), nullptr);
+    resp->cookie = first.cookie;
+    strcpy(resp->text, "\r\nOK\r\n");
+    EXPECT_EQ(values({unknown, dm_atcmd_resp(resp.get(), nullptr),
+                      dm_atcmd_resp(resp.get(), nullptr), dm_atcmd_resp(nullptr, nullptr),
+                      atcmd_pending, long(dati_atcmd_contexts_alive())}),
+              "-1 0 -1 -1 1 1");
+    // The C2K one has no row in the dispatcher: its context stays for good.  A
+    // command that cannot be posted is forgotten at once.
     self_trigger_c2k_atcmd_req("AT+C2K\r\n");
     h.pump();
-    EXPECT_EQ(logged("[DMGR-ERR] event id 3003 invalid message length 552 != 0"), 1u);
-    EXPECT_EQ(std::tuple(atcmd_pending, dati_atcmd_contexts_alive()), std::tuple(1, 1u));
-    // A request straight to the C2K AT manager waits for its answer.
-    h.task(TASK_ATMNGR_C2K).on_receive([](evfw_host::Peer &self, const evfw_host::Received &in) {
-        AtCmdResp resp = {};
-        self.reply(in.event, TASK_DATAMNGR, EVENT_ATMNGR_ATCMD_RESP, &resp, sizeof(resp));
-    });
+    std::string error;
+    ASSERT_TRUE(h.rt().add_fault("evfw_task_send_event:1", error)) << error;
+    self_trigger_atcmd_req("AT+LOST\r\n");
+    EXPECT_EQ(values({atcmd_pending, long(dati_atcmd_contexts_alive()),
+                      count(" data " + std::string(4096, 'r')),
+                      count("[DMGR-INF] dm_atcmd_resp res:7 \r\nOK\r\n\b\b from AT+EAPN?\r\n\b\b "
+                            "priv "),
+                      count("[DMGR-ERR] event id 3003 invalid message length 552 != 0"),
+                      count("self_trigger_atcmd_req post failed, priv ")}),
+              "2 2 1 1 1 1");
+    // A request straight to an AT manager waits for its answer (none comes here).
     AtCmdReq c2k = {};
     strcpy(c2k.text, "AT+C2K?");
-    evfw_event_t *source = evfw_event_alloc(nullptr);
-    EXPECT_EQ(dm_atcmd_c2k_req(&c2k, source), 0);
-    evfw_event_free(source);
-    h.pump();
-    EXPECT_EQ(logged("[DMGR-INF] dm_atcmd_c2k_req AT+C2K?"), 1u);
-    EXPECT_EQ(logged("dm_atcmd_resp unknown cookie 0x0"), 1u);
-    EXPECT_EQ(dm_atcmd_resp(nullptr, nullptr), -1);
-    // The library's state reset (between harnesses) releases what is left.
+    EXPECT_EQ(values({dm_atcmd_c2k_req(&c2k, nullptr), dm_atcmd_req(nullptr, nullptr),
+                      long(h.sent_to(TASK_ATMNGR_C2K).size())}),
+              "-110 -1 1");
     dm::testkit::reset_library_state();
-    EXPECT_EQ(std::tuple(atcmd_pending, dati_atcmd_contexts_alive()), std::tuple(0, 0u));
+    EXPECT_EQ(values({count("[DMGR-INF] dm_atcmd_c2k_req AT+C2K?"), atcmd_pending,
+                      long(dati_atcmd_contexts_alive())}),
+              "1 0 0");
 }
 
-// The URC routines are exported; their results are the callers' to read.
-TEST_F(Dati, UrcRoutinesTellWhatTheyDid) {
-    DataCallEntry entry = {0, 2, 4, 4, {}};
-    update_pdn_info(&entry, nullptr);
-    entry.cid = 5;
-    update_pdn_info(&entry, nullptr);
-    const struct {
-        int32_t (*fn)(char *, uint32_t, uint32_t, evfw_event_t *);
-        const char *text;
-        int32_t result;
-    } cases[] = {
-            {dm_handle_default_urc, "no plus", -1},
-            {dm_handle_default_urc, "+EAPNMOD: 1", -1},
-            {dm_handle_default_urc, "x+CGEV: NW DEACT", 0},
-            {default_urc_cgev, "+CGEV: ME PDN ACT 1", 0},
-            {default_urc_cgev, "+CGEV: DEACT", 0},
-            {default_urc_cgev_nw_deact, "+CGEV: NW PDN ACT 1", -1},
-            {default_urc_cgev_nw_deact, "+CGEV: NW PDN DEACT", -1},
-            {default_urc_cgev_nw_deact, "+CGEV: NW PDN DEACT 9", 0},
-            {default_urc_cgev_nw_deact, "+CGEV: NW PDN DEACT 5", 0},
-            {default_urc_cgev_me_deact, "+CGEV: ME PDN DEACT", -1},
-            {default_urc_cgev_me_deact, "+CGEV: ME PDN DEACT 9", 0},
-            {default_urc_cgev_me_deact, "+CGEV: ME PDN DEACT 4", 0},
-    };
-    for (const auto &c : cases) {
-        std::string text = c.text;
-        EXPECT_EQ(c.fn(text.data(), 0, 0, nullptr), c.result) << c.text;
+// The URC routines are exported: their results are the callers' to read.  A
+// deactivation tells RB (with ePDG support) and clears the PDN row; nothing
+// else does.  The operator's hooks, when there are any, see each URC and each
+// network deactivation.
+std::string g_hook_calls;
+
+TEST_F(Dati, UrcRoutinesTellWhatTheyDidAndHooksSeeThem) {
+    h.rt().set_property("persist.qpx_epdg_support", "1");
+    for (int32_t cid : {0, 4, 5, 6, 7}) {
+        DataCallEntry entry = {0, cid == 6 ? 4u : 2u, 0, cid, {}};
+        update_pdn_info(&entry, nullptr);
     }
-    EXPECT_EQ(default_urc_cgev(nullptr, 0, 0, nullptr), -1);
-    EXPECT_EQ(dm_handle_default_urc(nullptr, 0, 0, nullptr), -1);
-    EXPECT_EQ(find_pdn_info_by_index(4)->active, 0u);
-}
-
-std::vector<std::string> g_hook_calls;
-
-TEST_F(Dati, OperatorHooksSeeUrcsAndNetworkDeactivations) {
+    // Each routine, by its number, on a text: its results in order.
+    const Routine routines[] = {dm_handle_default_urc, default_urc_cgev, default_urc_cgev_nw_deact,
+                                default_urc_cgev_me_deact};
+    std::string results, rb;
+    for (std::string c :
+         {"0 no plus", "0 +EAPNMOD: 1", "0 x+CGEV: ME PDN ACT 1",
+          "1 +CGEV: NW DEACT \"IP\", \"10.0.0.7\", 7", "1 +CGEV: ME DEACT 7",
+          "1 +CGEV: NW PDN DEACT 6", "2 +CGEV: NW PDN ACT 1", "2 +CGEV: NW PDN DEACT",
+          "2 +CGEV: NW PDN DEACT 9", "2 +CGEV: NW PDN DEACT 5", "3 +CGEV: ME PDN ACT",
+          "3 +CGEV: ME PDN DEACT", "3 +CGEV: ME PDN DEACT 9", "1 +CGEV: ME PDN DEACT 4"}) {
+        results += std::to_string(routines[c[0] - '0'](c.data() + 2, 0, 0, nullptr)) + " ";
+    }
+    EXPECT_EQ(results, "-1 -1 0 0 0 0 -1 -1 0 0 -1 -1 0 0 ");
+    // RB heard of the deactivations of known rows, by interface.
+    for (const auto &e : h.sent_with_id(EVENT_RB_DEACT_DATA_CALL_IND))
+        rb += std::to_string(record_of<DeactDataCallInd>(e).interface_id);
+    EXPECT_EQ(rb, "422");
+    // A URC as the AT manager delivers it: the whole text is looked at.
+    const auto urc = std::make_unique<AtUrc>();
+    memset(urc->text, 'u', sizeof(urc->text));
+    auto active = [](int32_t cid) { return long(find_pdn_info_by_index(cid)->active); };
+    EXPECT_EQ(values({default_urc_cgev(nullptr, 0, 0, nullptr),
+                      dm_handle_default_urc(nullptr, 0, 0, nullptr),
+                      dm_atcmd_urc(urc.get(), nullptr), dm_atcmd_urc(nullptr, nullptr), active(0),
+                      active(4), active(5), active(6), active(7), count("IMS cid"),
+                      count("cid 6 skip default bearer NW disconn notify "),
+                      count("[DMGR-INF] dm_atcmd_urc " + std::string(4096, 'u') + " sim 0")}),
+              "-1 -1 0 0 1 0 0 0 1 1 1 1");
     OperatorHooks hooks = {};
     hooks.urc = [](const char *text, uint32_t kind, uint32_t sim, evfw_event_t *) {
-        g_hook_calls.push_back(std::string(text) + " " + std::to_string(kind) + " " +
-                               std::to_string(sim));
-        return 0;
+        return g_hook_calls += std::string(text) + " " + values({kind, sim}) + "|", 0;
     };
     hooks.nw_deactivate = [](int32_t cid, uint32_t interface_id, int32_t zero) {
-        g_hook_calls.push_back(std::to_string(cid) + " " + std::to_string(interface_id) + " " +
-                               std::to_string(zero));
-        return 0;
+        return g_hook_calls += values({cid, interface_id, zero}) + "|", 0;
     };
     dm_set_operator_hooks(&hooks);
-    DataCallEntry entry = {0, 1, 3, 3, {}};
-    update_pdn_info(&entry, nullptr);
-    AtUrc urc = {0, 2, 1, "+CGEV: NW PDN DEACT 3"};
-    h.send(h.task(TASK_ATMNGR), EVENT_ATMNGR_URC, urc);
+    *urc = {0, 2, 1, "+CGEV: NW PDN DEACT 7"};
+    h.send(h.task(TASK_ATMNGR), EVENT_ATMNGR_URC, *urc);
     h.pump();
-    EXPECT_EQ(g_hook_calls, (std::vector<std::string>{"+CGEV: NW PDN DEACT 3 2 1", "3 1 0"}));
+    EXPECT_EQ(g_hook_calls, "+CGEV: NW PDN DEACT 7 2 1|7 2 0|");
 }
 
 }  // namespace
