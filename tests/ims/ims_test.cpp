@@ -66,7 +66,7 @@ TEST_F(Ims, PrefixAndAddressLookupsGiveTheirResults) {
     uint8_t prefix[16] = {}, addr[16];
     const auto resp = std::make_unique<SetupDataCallResp>();
     auto of = [&](const char *ifname, const char *reported, int once) {
-        strcpy(resp->ifname, ifname);
+        snprintf(resp->ifname, sizeof(resp->ifname), "%s", ifname);
         memcpy(resp->ipv6_addr, ipv6(reported).data(), 16);
         return dm_get_ipv6_prefix(resp.get(), once, prefix);
     };
