@@ -23,7 +23,6 @@
 
 #include "common/seams.h"
 #include "common/tables.h"
-#include "sim/netns.h"
 #include "testkit/testkit.h"
 
 namespace dm_test {
@@ -32,7 +31,6 @@ namespace {
 using evfw_host::FaultCall;
 using evfw_host::Runtime;
 
-constexpr int kSkipped = 77;
 constexpr unsigned kRunSeconds = 120;  // a run still going after this hangs
 
 // One to three calls, each failing with one of a few probabilities.
@@ -51,14 +49,7 @@ std::vector<std::string> plans_of(uint64_t seed) {
 
 // The child's side of one run: 0 healthy, 1 problems (printed), 77 skipped.
 int play(dm::sim::Scenario sc, const std::vector<std::string> &plans, uint64_t *failed) {
-    std::string error;
-    if (!sc.ifaces.empty() || geteuid() == 0) {
-        const dm::sim::NetnsResult r = dm::sim::enter_scenario_netns(sc, error);
-        if (r != dm::sim::NetnsResult::kOk) {  // the machine's, not the library's
-            std::printf("skipped %s: %s\n", sc.file.c_str(), error.c_str());
-            return kSkipped;
-        }
-    }
+    if (isolate(sc) != 0) return kSkipped;  // the machine's failure, not the library's
     std::string problems;
     dm::sim::Options opt;
     opt.linked = &linked_library();

@@ -7,6 +7,8 @@
 #include <android/log.h>
 #include <gtest/gtest.h>
 
+#include <unistd.h>
+
 #include <cstring>
 
 #include "common/seams.h"
@@ -20,8 +22,6 @@
 
 namespace {
 
-constexpr int kSkipped = 77;  // CTest's SKIP_RETURN_CODE
-
 int run_table(const char *path) {
     dm::sim::Scenario sc;
     std::string error;
@@ -29,13 +29,7 @@ int run_table(const char *path) {
         std::fprintf(stderr, "%s\n", error.c_str());
         return dm::sim::kExitUsage;
     }
-    if (!sc.ifaces.empty()) {
-        dm::sim::NetnsResult r = dm::sim::enter_scenario_netns(sc, error);
-        if (r != dm::sim::NetnsResult::kOk) {
-            std::printf("%s: %s\n", path, error.c_str());
-            return r == dm::sim::NetnsResult::kUnprivileged ? kSkipped : dm::sim::kExitEnv;
-        }
-    }
+    if (const int rc = dm_test::isolate(sc); rc != 0) return rc;
     dm::sim::Options options;
     options.linked = &dm_test::linked_library();
     options.final_check = [](dm::sim::Sim &) { return dm_test::closing_problems(); };
@@ -48,9 +42,16 @@ int run_table(const char *path) {
 
 }  // namespace
 
-namespace {}  // namespace
-
 namespace dm_test {
+
+int isolate(dm::sim::Scenario &sc) {
+    if (sc.ifaces.empty() && geteuid() != 0) return 0;
+    std::string error;
+    const dm::sim::NetnsResult r = dm::sim::enter_scenario_netns(sc, error);
+    if (r == dm::sim::NetnsResult::kOk) return 0;
+    std::printf("%s: %s\n", sc.file.c_str(), error.c_str());
+    return r == dm::sim::NetnsResult::kUnprivileged ? kSkipped : dm::sim::kExitEnv;
+}
 
 const dm::sim::EntityLinks &linked_library() {
     static const dm::sim::EntityLinks links = {datamngr_entity_init,   datamngr_entity_exit,

@@ -10,13 +10,10 @@
 // The scenario's own expectations may fail: a request refused for want of
 // an event is the point.  A run that does not reach the failure must pass
 // the scenario whole.
-#include <unistd.h>
-
 #include <cstring>
 
 #include "common/seams.h"
 #include "common/tables.h"
-#include "sim/netns.h"
 #include "testkit/testkit.h"
 
 namespace dm_test {
@@ -117,19 +114,11 @@ int run_sweep(int argc, char **argv) {
             std::fprintf(stderr, "%s\n", error.c_str());
             return dm::sim::kExitUsage;
         }
-        // Each scenario in a namespace of its own where possible, so that
-        // none sees the interfaces of the one before.
-        if (!sc.ifaces.empty() || geteuid() == 0) {
-            const dm::sim::NetnsResult r = dm::sim::enter_scenario_netns(sc, error);
-            if (r == dm::sim::NetnsResult::kUnprivileged) {
-                std::printf("%s skipped: %s\n", argv[i], error.c_str());
-                ++skipped;
-                continue;
-            }
-            if (r != dm::sim::NetnsResult::kOk) {
-                std::fprintf(stderr, "%s: %s\n", argv[i], error.c_str());
-                return dm::sim::kExitEnv;
-            }
+        if (const int rc = isolate(sc); rc == kSkipped) {
+            ++skipped;
+            continue;
+        } else if (rc != 0) {
+            return rc;
         }
         ++scenarios;
         for (size_t k = 0; k < kCalls; ++k) {

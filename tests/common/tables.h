@@ -7,6 +7,13 @@
 
 namespace dm_test {
 
+constexpr int kSkipped = 77;  // CTest's SKIP_RETURN_CODE
+
+// Puts the scenario in a network namespace of its own when it declares
+// interfaces or this process may make one (root), so that no run sees the
+// interfaces of another.  Prints why not and returns kSkipped (not allowed
+// on this machine) or kExitEnv (failed); 0 once inside.
+int isolate(dm::sim::Scenario &sc);
 // The library's entry points as linked into this program.
 const dm::sim::EntityLinks &linked_library();
 // What a run leaves wrong: events unaccounted for, events freed twice, the
