@@ -154,10 +154,7 @@ int run_sweep(int argc, char **argv) {
         if (t.failed_calls == 0) unreached += std::string(" ") + name;
     }
     if (!unreached.empty()) {
-        std::printf(
-                "not reached by these scenarios (entity/faults_test.cpp fails them where "
-                "they are called):%s\n",
-                unreached.c_str());
+        std::printf("not reached by these scenarios:%s\n", unreached.c_str());
     }
     std::printf(
             "fault sweep: %d scenarios (%d skipped), %zu calls, %ld runs, %ld calls failed: "

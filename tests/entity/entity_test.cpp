@@ -4,6 +4,7 @@
 // failing.  Event flows are in the scenario tables beside.
 #include <unistd.h>
 
+#include <cerrno>
 #include <thread>
 
 #include "common/dm_test.h"
@@ -384,6 +385,14 @@ const FaultCase kFaults[] = {
         {"NoEventToSend", "evfw_event_alloc:1",
          [](Harness &) { return dm_send_to_task(TASK_RILDPROXY, &g_word, 4, nullptr, 4003); }, -1,
          "[DMGR-ERR] dm_send_to_task no event for event id 4003 to task 202"},
+        // The request went out before the wait gave up: the event is the framework's.
+        {"WaitGivesUp", "evfw_task_send_recv_event:1",
+         [](Harness &) {
+             return dm_send_to_task_wait_for_event(TASK_ATMNGR, &g_word, 4, nullptr, 3002, 3004);
+         },
+         -ETIMEDOUT,
+         "[DMGR-ERR] dm_send_to_task_wait_for_event send event task id 302 event id 3002 to rild "
+         "fail -110"},
         {"NoEventToReply", "evfw_event_alloc:1",
          [](Harness &) { return dm_resp_to_external_channel(&g_word, 4, nullptr, 4042); }, -1,
          "[DMGR-ERR] dm_resp_to_external_channel no event for event id 4042"},
