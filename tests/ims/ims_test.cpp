@@ -97,6 +97,22 @@ TEST_F(Ims, PrefixAndAddressLookupsGiveTheirResults) {
 // The indications' results as a module that calls them reads them: the
 // forwarding's (-1 here: no IMS manager has announced itself), or 0 when
 // nothing is forwarded.
+// New parameters start the IMS slot afresh: a query still parked there is
+// never answered now, and its event is released.
+TEST_F(Ims, NewParametersReleaseAParkedQuery) {
+    h.announce(h.client("imsm_0"));
+    ImsParaSlot *slot = ims_para_slot(4);
+    slot->state = kImsSlotQueryParked;
+    slot->parked_req.event = evfw_event_alloc(nullptr);
+    const auto req = std::make_unique<SetupDataCallReq>();
+    req->ims_para_valid = 1;
+    const long before = h.rt().live_events();
+    h.send(h.client("imsm_0"), EVENT_DATAMNGR_PASS_IMS_PDN_REQ, *req);
+    h.pump();
+    EXPECT_EQ(std::tuple(h.rt().live_events(), slot->state, slot->parked_req.event),
+              std::tuple(before - 1, kImsSlotParamsPassed, nullptr));
+}
+
 TEST_F(Ims, IndicationsTellWhetherTheyForwarded) {
     fake_clock::reset();
     h.rt().set_property("ro.qpx_multiple_ims_support", "0");
