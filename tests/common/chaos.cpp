@@ -78,13 +78,12 @@ struct Tally {
     uint64_t calls_failed = 0;
 };
 
-// One run in a process of its own; false when it did not end healthy.
-bool run_one(const dm::sim::Scenario &sc, uint64_t seed, Tally &tally) {
+// One run in a process of its own.
+void run_one(const dm::sim::Scenario &sc, uint64_t seed, Tally &tally) {
     const std::vector<std::string> plans = plans_of(seed);
-    int pipe_fd[2];
-    if (pipe(pipe_fd) != 0) return false;
+    int pipe_fd[2] = {-1, -1};
     std::fflush(nullptr);
-    const pid_t pid = fork();
+    const pid_t pid = pipe(pipe_fd) == 0 ? fork() : -1;
     if (pid == 0) {
         close(pipe_fd[0]);
         alarm(kRunSeconds);
@@ -104,21 +103,16 @@ bool run_one(const dm::sim::Scenario &sc, uint64_t seed, Tally &tally) {
     }
     ++tally.runs;
     tally.calls_failed += got ? failed : 0;
-    if (pid > 0 && WIFEXITED(status) && WEXITSTATUS(status) == kSkipped) {
-        ++tally.skipped;
-        return true;
-    }
-    if (pid > 0 && WIFEXITED(status) && WEXITSTATUS(status) == 0) return true;
-    std::string what = "problems in the end state";
-    if (pid <= 0) {
-        what = "no process for the run";
-    } else if (WIFSIGNALED(status)) {
-        what = WTERMSIG(status) == SIGALRM
-                       ? "hung"
-                       : "crashed: " + std::string(sigdescr_np(WTERMSIG(status)));
-    } else if (WEXITSTATUS(status) != 1) {
-        what = "exit " + std::to_string(WEXITSTATUS(status)) + " (a sanitizer's report above)";
-    }
+    const int code = pid > 0 && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    tally.skipped += code == kSkipped;
+    if (code == 0 || code == kSkipped) return;
+    const std::string what =
+            code == 1           ? "problems in the end state"
+            : pid <= 0          ? "no process for the run"
+            : WIFEXITED(status) ? "exit " + std::to_string(code) + " (a sanitizer's report above)"
+            : WTERMSIG(status) == SIGALRM
+                    ? "hung"
+                    : "crashed: " + std::string(sigdescr_np(WTERMSIG(status)));
     std::string plan_text;
     for (const std::string &p : plans) plan_text += " --fail " + p;
     std::printf(
@@ -126,50 +120,44 @@ bool run_one(const dm::sim::Scenario &sc, uint64_t seed, Tally &tally) {
             static_cast<unsigned long long>(seed), sc.file.c_str(), plan_text.c_str(), what.c_str(),
             static_cast<unsigned long long>(seed), sc.file.c_str());
     ++tally.failed;
-    return false;
 }
 
 }  // namespace
 
 int run_chaos(int argc, char **argv) {
-    uint64_t seed = 1;
-    long runs = 0, minutes = 0;
+    unsigned long long seed = 1, runs = 0, minutes = 0;
     std::vector<dm::sim::Scenario> scenarios;
     for (int i = 2; i < argc; ++i) {
         const std::string arg = argv[i];
-        if ((arg == "--seed" || arg == "--runs" || arg == "--minutes") && i + 1 < argc) {
-            const unsigned long long n = std::strtoull(argv[++i], nullptr, 10);
-            if (arg == "--seed") {
-                seed = n;
-            } else if (arg == "--runs") {
-                runs = static_cast<long>(n);
-            } else {
-                minutes = static_cast<long>(n);
-            }
-            continue;
-        }
+        unsigned long long *value = arg == "--seed"      ? &seed
+                                    : arg == "--runs"    ? &runs
+                                    : arg == "--minutes" ? &minutes
+                                                         : nullptr;
         std::string error;
-        if (!dm::sim::parse_scenario_file(arg, scenarios.emplace_back(), error)) {
+        if (value != nullptr && i + 1 < argc) {
+            *value = std::strtoull(argv[++i], nullptr, 10);
+        } else if (!dm::sim::parse_scenario_file(arg, scenarios.emplace_back(), error)) {
             std::fprintf(stderr, "%s\n", error.c_str());
             return dm::sim::kExitUsage;
         }
     }
-    if (scenarios.empty() || (runs <= 0) == (minutes <= 0)) {
+    if (scenarios.empty() || (runs == 0) == (minutes == 0)) {
         std::fprintf(stderr,
                      "usage: dm_test --chaos [--seed S] (--runs N | --minutes M) SCENARIO...\n");
         return dm::sim::kExitUsage;
     }
-    const auto until = std::chrono::steady_clock::now() + std::chrono::minutes(minutes);
+    const auto until =
+            std::chrono::steady_clock::now() + std::chrono::minutes(static_cast<long>(minutes));
     Tally tally;
-    for (long r = 0; runs > 0 ? r < runs : std::chrono::steady_clock::now() < until; ++r) {
-        run_one(scenarios[static_cast<size_t>(r) % scenarios.size()], seed + r, tally);
+    for (unsigned long long r = 0; runs > 0 ? r < runs : std::chrono::steady_clock::now() < until;
+         ++r) {
+        run_one(scenarios[r % scenarios.size()], seed + r, tally);
     }
     std::printf(
             "chaos: seeds %llu..%llu, %zu scenarios, %ld runs (%ld skipped), %llu calls "
             "failed, %ld runs not healthy\n",
-            static_cast<unsigned long long>(seed),
-            static_cast<unsigned long long>(seed + tally.runs - 1), scenarios.size(), tally.runs,
-            tally.skipped, static_cast<unsigned long long>(tally.calls_failed), tally.failed);
+            seed, seed + tally.runs - 1, scenarios.size(), tally.runs, tally.skipped,
+            static_cast<unsigned long long>(tally.calls_failed), tally.failed);
     return tally.failed == 0 ? 0 : 1;
 }
 
