@@ -2,16 +2,15 @@
 // fuzzers start from every flow the tests and the shipped scenarios play:
 //     make_seeds <corpus dir> <scenario file>...
 // Each scenario gives dispatcher seeds (its announcements and sends to the
-// main task), AT seeds (its AT lines and registrations), both cut into runs
-// of steps that fit kMaxLen, and a URC seed per URC line (over the PDN rows
-// its bearer reports made); the netlink seeds are two address dumps and a
-// no-RA message.
+// main task), AT seeds (its AT lines, registrations and sends to the AT task),
+// both cut into runs of steps that fit kMaxLen, and a URC seed per URC line
+// (over the PDN rows its bearer reports made); the netlink seeds are an
+// address dump and a no-RA message.  A seed is a byte string.
 #include <linux/rtnetlink.h>
 #include <sys/socket.h>
 
 #include <algorithm>
 #include <cstdio>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
 
@@ -23,130 +22,108 @@ namespace {
 
 using namespace dm::fuzz;
 using dm::sim::Op;
-using Bytes = std::vector<uint8_t>;
 
-struct Writer {
-    Bytes out;
-    Writer &u8(uint8_t v) { return out.push_back(v), *this; }
-    Writer &u16(uint16_t v) { return u8(v & 0xff).u8(v >> 8); }
-    Writer &u32(uint32_t v) { return u16(v & 0xffff).u16(v >> 16); }
-    Writer &bytes(const void *p, size_t n) {
-        out.insert(out.end(), static_cast<const uint8_t *>(p), static_cast<const uint8_t *>(p) + n);
-        return *this;
-    }
-};
-
-uint8_t sender_of(const dm::sim::PeerRef &p) {
-    if (p.task_id == TASK_RILDPROXY) return 0;
-    if (p.client == "imsm_0") return 1;
-    if (p.client.starts_with("imsm_")) return 2;
-    if (p.task_id >= TASK_RB_SIM0 && p.task_id <= TASK_RB_SIM3) return 4;
-    if (p.task_id == TASK_ATMNGR) return 5;
-    return 3;
+// `v` in `n` bytes, little-endian, as the targets' Reader takes it.
+std::string le(size_t v, int n) {
+    std::string out;
+    for (; n > 0; --n, v >>= 8) out += static_cast<char>(v & 0xff);
+    return out;
 }
 
-// A dispatcher step: the payload's non-zero runs as patches over zeros.
-Bytes event_step(uint8_t from, uint32_t id, const Bytes &payload) {
-    Writer w;
-    w.u8(from).u8(kRawId).u16(static_cast<uint16_t>(id));
-    w.u8(kRawLen).u16(static_cast<uint16_t>(payload.size())).u8(0);
-    std::vector<std::pair<size_t, size_t>> runs;
-    for (size_t i = 0; i < payload.size() && runs.size() < kMaxPatches - 1; ++i) {
-        if (payload[i] == 0) continue;
-        size_t end = i;
-        while (end < payload.size() && end - i < 255 && payload[end] != 0) ++end;
-        runs.emplace_back(i, end - i);
-        i = end - 1;
-    }
-    w.u8(static_cast<uint8_t>(runs.size()));
-    for (auto [at, len] : runs)
-        w.u16(static_cast<uint16_t>(at)).u8(static_cast<uint8_t>(len)).bytes(&payload[at], len);
-    return w.out;
-}
-
-// An AT target step.
-Bytes at_step(uint16_t id, const void *data, uint16_t len) {
-    return Writer().u16(id).u16(len).bytes(data, len).out;
-}
-
-void save(const std::filesystem::path &dir, const std::string &name, const Bytes &data) {
+void save(const std::filesystem::path &dir, const std::string &name, const std::string &seed) {
     std::filesystem::create_directories(dir);
-    std::ofstream(dir / name, std::ios::binary)
-            .write(reinterpret_cast<const char *>(data.data()),
-                   static_cast<std::streamsize>(data.size()));
+    std::ofstream(dir / name, std::ios::binary) << seed;
 }
 
-// The steps after the setup flags, as many to a seed as fit kMaxLen (a
-// longer step alone).
-void save_cut(const std::filesystem::path &dir, const std::string &name, uint8_t flags,
-              const std::vector<Bytes> &steps) {
-    int n = 0;
-    for (size_t i = 0; i < steps.size();) {
-        Writer seed{{flags}};
-        do {
-            seed.bytes(steps[i].data(), steps[i].size());
-        } while (++i < steps.size() && seed.out.size() + steps[i].size() <= kMaxLen);
-        save(dir, name + "-" + std::to_string(++n), seed.out);
+// The dispatcher target's index of a sender.
+uint8_t sender_of(const dm::sim::PeerRef &p) {
+    if (p.is_client()) return p.client == "imsm_0" ? 1 : p.client.starts_with("imsm_") ? 2 : 3;
+    if (p.task_id >= TASK_RB_SIM0 && p.task_id <= TASK_RB_SIM3) return 4;
+    return p.task_id == TASK_RILDPROXY ? 0 : p.task_id == TASK_ATMNGR ? 5 : 3;
+}
+
+// A dispatcher step: a raw id and length, fill 0, and the payload's runs of
+// non-zero bytes (at most kMaxPatches - 1 of them) as patches.
+std::string event_step(const dm::sim::PeerRef &from, uint32_t id, const std::string &data) {
+    std::string patches;
+    size_t n = 0;
+    for (size_t i = data.find_first_not_of('\0'); i < data.size() && n + 1 < kMaxPatches; ++n) {
+        const size_t run = std::min({data.find('\0', i), data.size(), i + 255}) - i;
+        patches += le(i, 2) + le(run, 1) + data.substr(i, run);
+        i = data.find_first_not_of('\0', i + run);
     }
+    return le(sender_of(from), 1) + le(kRawId, 1) + le(id, 2) + le(kRawLen, 1) +
+           le(data.size(), 2) + le(0, 1) + le(n, 1) + patches;
 }
 
-void seeds_of(const dm::sim::Scenario &sc, const std::filesystem::path &out,
-              const std::string &name) {
+// An RTM_NEWADDR message (or one of `type`) with one IPv6 address.
+std::string address(const uint8_t (&addr)[16], uint16_t type = RTM_NEWADDR) {
+    const auto raw = [](const auto &v) {
+        return std::string(reinterpret_cast<const char *>(&v), sizeof(v));
+    };
+    return raw(nlmsghdr{NLMSG_LENGTH(sizeof(ifaddrmsg)) + RTA_LENGTH(16), type, 0, 0, 0}) +
+           raw(ifaddrmsg{AF_INET6, 64, 0, 0, 1}) + raw(rtattr{RTA_LENGTH(16), IFA_ADDRESS}) +
+           raw(addr);
+}
+
+// Writes a scenario's seeds; false if it is refused.
+bool seeds_of(const std::filesystem::path &file, const std::filesystem::path &out) {
+    dm::sim::Scenario sc;
+    std::string error;
+    if (!dm::sim::parse_scenario_file(file, sc, error)) {
+        std::fprintf(stderr, "make_seeds: %s\n", error.c_str());
+        return false;
+    }
+    const std::string name = file.parent_path().filename().string() + "-" + file.stem().string();
     uint8_t flags = kAnnounceRil | kAnnounceClients;
-    std::vector<Bytes> events, at;
-    std::vector<std::pair<uint8_t, uint8_t>> rows;  // cid, interface of bearer reports
-    bool at_seen = false;
-    int urcs = 0;
-    auto urc_seed = [&](const std::string &text) {
-        Writer urc;
-        urc.u8((flags & kEpdg ? 1 : 0) | (at_seen ? 2 : 0)).u8(std::min<size_t>(rows.size(), 7));
-        for (size_t i = 0; i < rows.size() && i < 7; ++i) urc.u8(rows[i].first).u8(rows[i].second);
-        urc.u32(0).u32(0).bytes(text.data(), text.size());
-        save(out / "urc", name + "-" + std::to_string(++urcs), urc.out);
+    // The seeds of the dispatcher and AT targets, their flags put before them
+    // at the end: a step goes to the last one while the seed fits kMaxLen (a
+    // longer step alone).
+    std::vector<std::string> events, at;
+    const auto add = [](std::vector<std::string> &seeds, const std::string &step) {
+        if (seeds.empty() || 1 + seeds.back().size() + step.size() > kMaxLen) seeds.emplace_back();
+        seeds.back() += step;
+    };
+    const auto at_step = [&](uint32_t id, const std::string &data) {
+        add(at, le(id, 2) + le(data.size(), 2) + data);
+    };
+    std::string rows;          // cid and interface of the first 7 bearer reports
+    int urcs = 0, at_bit = 0;  // the URC seeds so far; 2 once an AT line or name was sent
+    const auto urc_seed = [&](const std::string &text) {  // kind and sim 0
+        save(out / "urc", name + "-" + std::to_string(++urcs),
+             le((flags & kEpdg ? 1 : 0) | at_bit, 1) + le(rows.size() / 2, 1) + rows + le(0, 8) +
+                     text);
     };
     for (const dm::sim::Step &s : sc.steps) {
+        const bool on = s.op == Op::Property && s.value == "1";
+        if (on && s.text == "persist.qpx_epdg_support") flags |= kEpdg;
+        if (on && s.text == "ro.qpx_multiple_ims_support") flags |= kMultiIms;
+        if (s.op == Op::Property && s.text.starts_with("net.ipv6.")) flags |= kPrefixes;
         if (s.op == Op::RilAuto) flags |= kRilAnswers;
-        if (s.op == Op::Property) {
-            const bool on = s.value == "1";
-            if (on && s.text == "persist.qpx_epdg_support") flags |= kEpdg;
-            if (on && s.text == "ro.qpx_multiple_ims_support") flags |= kMultiIms;
-            if (s.text.starts_with("net.ipv6.")) flags |= kPrefixes;
+        if (s.op == Op::Urc) urc_seed(s.text);
+        if (s.op == Op::Announce)  // the name in a field of 132 bytes
+            add(events, event_step(s.peer, EVENT_DATAMNGR_NOTIFICATION,
+                                   s.text + std::string(132 - s.text.size(), '\0')));
+        if (s.op == Op::At || s.op == Op::AtRegister) {  // the text and its NUL
+            at_step(s.op == Op::At ? EVENT_DATAMNGR_ATCMD_REQ : EVENT_DATAMNGR_ATCMD_REGISTER,
+                    s.text + (s.op == Op::At ? "\r" : "") + '\0');
+            at_bit = 2;
         }
-        if (s.op == Op::Announce) {
-            Bytes name_field(132, 0);
-            memcpy(name_field.data(), s.text.data(), s.text.size());
-            events.push_back(
-                    event_step(sender_of(s.peer), EVENT_DATAMNGR_NOTIFICATION, name_field));
-        } else if (s.op == Op::Send && s.target == TASK_DATAMNGR) {
-            const Bytes payload = s.payload.build();
-            events.push_back(event_step(sender_of(s.peer), s.event_id, payload));
-            if (s.event_id == EVENT_DATAMNGR_DEDICATE_BEARER_ACTIVATED_URC && payload.size() > 16)
-                rows.emplace_back(payload[16], payload[8]);
-            if (s.event_id == EVENT_ATMNGR_URC && payload.size() == sizeof(AtUrc))
-                urc_seed(reinterpret_cast<const AtUrc *>(payload.data())->text);
-        } else if (s.op == Op::Send && s.target == TASK_DATAMNGR_DATI_HDL) {
-            const Bytes payload = s.payload.build();
-            at.push_back(at_step(s.event_id, payload.data(), payload.size()));
-        } else if (s.op == Op::At || s.op == Op::AtRegister) {
-            const bool line = s.op == Op::At;
-            const std::string text = line ? s.text + "\r" : s.text;
-            at.push_back(at_step(line ? EVENT_DATAMNGR_ATCMD_REQ : EVENT_DATAMNGR_ATCMD_REGISTER,
-                                 text.c_str(), text.size() + 1));
-            at_seen = true;
-        } else if (s.op == Op::Urc) {
-            urc_seed(s.text);
-        }
+        if (s.op != Op::Send) continue;
+        const std::vector<uint8_t> built = s.payload.build();
+        const std::string payload(built.begin(), built.end());
+        if (s.target == TASK_DATAMNGR_DATI_HDL) at_step(s.event_id, payload);
+        if (s.target != TASK_DATAMNGR) continue;
+        add(events, event_step(s.peer, s.event_id, payload));
+        const bool bearer = s.event_id == EVENT_DATAMNGR_DEDICATE_BEARER_ACTIVATED_URC;
+        if (bearer && payload.size() > 16 && rows.size() < 14) rows += {payload[16], payload[8]};
+        if (s.event_id == EVENT_ATMNGR_URC && payload.size() == sizeof(AtUrc))
+            urc_seed(reinterpret_cast<const AtUrc *>(payload.data())->text);
     }
-    save_cut(out / "dispatcher", name, flags, events);
-    save_cut(out / "dati", name, flags, at);
-}
-
-// An RTM_NEWADDR message with one IPv6 address.
-void put_address(Writer &w, const uint8_t (&addr)[16], uint16_t type = RTM_NEWADDR) {
-    const nlmsghdr hdr = {NLMSG_LENGTH(sizeof(ifaddrmsg)) + RTA_LENGTH(16), type, 0, 0, 0};
-    const ifaddrmsg ifa = {AF_INET6, 64, 0, 0, 1};
-    const rtattr rta = {RTA_LENGTH(16), IFA_ADDRESS};
-    w.bytes(&hdr, sizeof(hdr)).bytes(&ifa, sizeof(ifa)).bytes(&rta, sizeof(rta)).bytes(addr, 16);
+    for (auto [target, seeds] : {std::pair{"dispatcher", &events}, {"dati", &at}})
+        for (size_t i = 0; i < seeds->size(); ++i)
+            save(out / target, name + "-" + std::to_string(i + 1), le(flags, 1) + (*seeds)[i]);
+    return true;
 }
 
 }  // namespace
@@ -156,26 +133,13 @@ int main(int argc, char **argv) {
         std::fprintf(stderr, "usage: make_seeds <corpus dir> <scenario file>...\n");
         return 2;
     }
-    const std::filesystem::path out = argv[1];
-    for (int i = 2; i < argc; ++i) {
-        dm::sim::Scenario sc;
-        std::string error;
-        if (!dm::sim::parse_scenario_file(argv[i], sc, error)) {
-            std::fprintf(stderr, "make_seeds: %s\n", error.c_str());
-            return 1;
-        }
-        const std::filesystem::path p = argv[i];
-        seeds_of(sc, out, p.parent_path().filename().string() + "-" + p.stem().string());
-    }
+    for (int i = 2; i < argc; ++i)
+        if (!seeds_of(argv[i], argv[1])) return 1;
+    const std::filesystem::path netlink = std::filesystem::path(argv[1]) / "netlink";
     const uint8_t link_local[16] = {0xfe, 0x80, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1};
     const uint8_t global[16] = {0x20, 0x01, 0x0d, 0xb8, 0, 1, 0, 2, 0, 0, 0, 0, 0, 0, 0, 5};
-    Writer dump, no_ra;
-    dump.u8(kNlParse | kNlReceive);
-    put_address(dump, link_local);
-    put_address(dump, global);
-    no_ra.u8(kNlNoRa | kNlParse);
-    put_address(no_ra, link_local, 110);
-    save(out / "netlink", "dump", dump.out);
-    save(out / "netlink", "no_ra", no_ra.out);
+    save(netlink, "dump", le(kNlParse | kNlReceive, 1) + address(link_local) + address(global));
+    // Of type RTM_NORA (110): the kernel tells that no router advertisement came.
+    save(netlink, "no_ra", le(kNlNoRa | kNlParse, 1) + address(link_local, 110));
     return 0;
 }
