@@ -46,10 +46,11 @@ inline void put_text(Bytes &b, size_t offset, std::string_view text) {
     std::memcpy(b.data() + offset, text.data(), text.size());
 }
 // Values (results, counts) in the order they were taken, as one text: one
-// expectation for a sequence of calls, whose braces fix that order.
-inline std::string values(std::initializer_list<long> taken) {
+// expectation for a sequence of calls, whose braces fix that order.  64-bit
+// on every ABI, so that an unsigned 32-bit field fits as it is.
+inline std::string values(std::initializer_list<long long> taken) {
     std::string out;
-    for (long v : taken) out += (out.empty() ? "" : " ") + std::to_string(v);
+    for (long long v : taken) out += (out.empty() ? "" : " ") + std::to_string(v);
     return out;
 }
 
