@@ -83,10 +83,9 @@ const HandlerCase kHandlers[] = {
         {"CgactNoRow", dati_cgact_assign_hdl, "1,7\r", "|4066:\r\nERROR\r\n", "0 0 0 -1"},
         {"CgactWrongState", dati_cgact_assign_hdl, "2,1\r", "|4066:\r\nERROR\r\n", "0 0 0 -1"},
         {"CgactQuery", dati_cgact_query_hdl, "\r",
-         "|4066:\r\n+CGACT: 0, 0\r\n+CGACT: 1, 0\r\n+CGACT: 2, 0\r\n+CGACT: 3, 0\r\n+CGACT: 4, "
-         "0\r\n"
-         "+CGACT: 5, 0\r\n+CGACT: 6, 0\r\n+CGACT: 7, 0\r\n+CGACT: 8, 0\r\n+CGACT: 9, 0\r\n"
-         "+CGACT: 10, 0\r\n\r\nOK\r\n",
+         "|4066:\r\n+CGACT: 0, 0\r\n+CGACT: 1, 0\r\n+CGACT: 2, 0\r\n+CGACT: 3, 0\r\n"
+         "+CGACT: 4, 0\r\n+CGACT: 5, 0\r\n+CGACT: 6, 0\r\n+CGACT: 7, 0\r\n+CGACT: 8, 0\r\n"
+         "+CGACT: 9, 0\r\n+CGACT: 10, 0\r\n\r\nOK\r\n",
          "0 0 0 -1"},
         // The lock stays taken and the reply stays held: the next command overwrites it.
         {"Vzwact", dati_vzwact_assign_hdl, "1,x\r", "|4066:\r\nERROR\r\n", "0 1 1 -1"},
@@ -118,11 +117,13 @@ TEST_P(Handlers, ResultLockAndHeldReply) {
 INSTANTIATE_TEST_SUITE_P(Each, Handlers, ::testing::ValuesIn(kHandlers),
                          [](const auto &info) { return std::string(info.param.name); });
 
+// ---- the reply entry points -------------------------------------------------------
+
 // Called before the task has seen its entity, the handlers that send from
 // the task free their reply and send nothing (the three that only ask the
-// RIL proxy ask all the same); without a reply to hold, every handler does
-// nothing.
-TEST_F(Dati, HandlersWithoutEntityOrReplyDoNothing) {
+// RIL proxy ask all the same), and so do the reply entry points; without a
+// reply to hold, every handler does nothing.
+TEST_F(Dati, HandlersAndReplyEntryPointsAnswerOrOnlyLog) {
     for (auto hdl : {dati_cgdcont_assign_hdl, dati_cgact_assign_hdl, dati_cgact_query_hdl,
                      dati_vzwact_assign_hdl, dati_vzwact_query_hdl, dati_bypass_query_hdl,
                      dati_cfun_assign_hdl, dati_efun_assign_hdl, dati_egtype_assign_hdl,
@@ -134,17 +135,6 @@ TEST_F(Dati, HandlersWithoutEntityOrReplyDoNothing) {
                           hdl(dati_atc_tbl, params.data(), nullptr)}),
                   "0 0 0 0");
     }
-    // A query without a line to pass on; what went out stays what it was.
-    evfw_event_t *held = evfw_event_alloc(nullptr);
-    EXPECT_EQ(values({dati_bypass_query_hdl(dati_atc_tbl, nullptr, &held), held != nullptr,
-                      count("(): dm_entity_priv = NULL!!")}) +
-                      sent(),
-              "0 0 8|202:4037=1|202:4037=1");
-}
-
-// ---- the reply entry points -------------------------------------------------------
-
-TEST_F(Dati, ReplyEntryPointsAnswerOrOnlyLog) {
     SetupDataCallResp setup = {};
     std::string error;
     setup.interface_id = 3;
@@ -157,11 +147,14 @@ TEST_F(Dati, ReplyEntryPointsAnswerOrOnlyLog) {
         h.pump();
         return results + sent();
     };
-    // Before the task has seen its entity nothing goes out.
-    const std::string before =
-            values({dati_setup_data_call_resp(&setup, nullptr), dati_dummy_urc(nullptr, "x", 1),
-                    dati_dummy_resp(nullptr, nullptr, 1)});
-    EXPECT_EQ(before + answers(dati_radio_power_resp), "-1 0 00");
+    // A query without a line to pass on frees its reply.
+    evfw_event_t *held = evfw_event_alloc(nullptr);
+    const std::string before = values(
+            {dati_bypass_query_hdl(dati_atc_tbl, nullptr, &held), held != nullptr,
+             count("(): dm_entity_priv = NULL!!"), dati_setup_data_call_resp(&setup, nullptr),
+             dati_dummy_urc(nullptr, "x", 1), dati_dummy_resp(nullptr, nullptr, 1)});
+    EXPECT_EQ(before + answers(dati_radio_power_resp),
+              "0 0 8 -1 0 00|202:4037=1|202:4037=1|202:4032=1|202:4032=1");
     to_dati(EVENT_DATAMNGR_ATCMD_RESP, nullptr, 0);  // the task sees its entity
     const std::string after = values({dati_setup_data_call_resp(&setup, nullptr),
                                       dati_setup_data_call_resp(nullptr, nullptr)});
@@ -169,6 +162,16 @@ TEST_F(Dati, ReplyEntryPointsAnswerOrOnlyLog) {
                               dati_deactivate_data_call_if_resp),
               "0 -1000|4066:\r\n+CGEV: ME PDN ACT "
               "3\r\n\r\nOK\r\n|4066:\r\nERROR\r\n|4066:\r\nOK\r\n|4066:\r\nOK\r\n");
+    // +CFUN's allow-data answer only re-arms the flag (its lowest byte); its
+    // radio-power answer gives the one result.
+    data_allow_reply_armed = 0x201;
+    at("AT+CFUN=1\r");
+    const long cleared = data_allow_reply_armed;
+    const std::string rearms = answers(dati_allow_data_resp);
+    const long rearmed = data_allow_reply_armed;
+    const std::string answered = answers(dati_allow_data_resp);
+    EXPECT_EQ(values({cleared, rearmed, data_allow_reply_armed}) + " " + rearms + " " + answered,
+              "512 513 513 0|202:4037=1|202:4032=1 0|4066:\r\nOK\r\n");
     // Without an event for the answer, nothing goes out.
     ASSERT_TRUE(h.rt().add_fault("evfw_event_alloc:1-", error)) << error;
     EXPECT_EQ(values({dati_dummy_resp(nullptr, nullptr, 1), dati_dummy_urc(nullptr, "x", 0),
@@ -188,27 +191,11 @@ TEST_F(Dati, ReplyEntryPointsAnswerOrOnlyLog) {
     EXPECT_EQ(dati_dummy_urc(nullptr, std::string(4096, 'z').c_str(), 0), 0);
     h.pump();
     EXPECT_EQ(sent(), "|18:" + std::string(4095, 'z'));
-    EXPECT_EQ(count("(): in and out!!"), 11);
-}
-
-// +CFUN's allow-data answer only re-arms the flag (its lowest byte); its
-// radio-power answer gives the one result.
-TEST_F(Dati, CfunGivesOneResultOverItsTwoAnswers) {
-    to_dati(EVENT_DATAMNGR_ATCMD_RESP, nullptr, 0);
-    data_allow_reply_armed = 0x201;
-    at("AT+CFUN=1\r");
-    const uint32_t cleared = data_allow_reply_armed;
-    evfw_event_t *tmpl = evfw_event_alloc(nullptr);
-    EXPECT_EQ(values({cleared, dati_allow_data_resp(nullptr, tmpl), data_allow_reply_armed,
-                      dati_allow_data_resp(nullptr, tmpl), data_allow_reply_armed}),
-              "512 0 513 0 513");
-    evfw_event_free(tmpl);
-    EXPECT_EQ(sent(), "|202:4037=1|202:4032=1|4066:\r\nOK\r\n");
-    // A reset of the library's state arms it again and forgets the task's entity.
+    // A reset of the library's state arms the flag again and forgets the task's entity.
     dm::testkit::reset_library_state();
-    EXPECT_EQ(values({data_allow_reply_armed, dati_dummy_resp(nullptr, nullptr, 1),
-                      long(h.rt().trace().size())}),
-              "1 0 0");
+    EXPECT_EQ(values({count("(): in and out!!"), data_allow_reply_armed,
+                      dati_dummy_resp(nullptr, nullptr, 1), long(h.rt().trace().size())}),
+              "11 1 0 0");
 }
 
 // ---- the task and its tokeniser -----------------------------------------------------
@@ -248,10 +235,7 @@ TEST_F(Dati, LinesThatDoNotEndInsideTheirEventAreRefusedLongOnesCut) {
               "|4066:\r\nERROR\r\n|4066:\r\nERROR\r\n|4066:\r\nOK\r\n|4066:\r\nOK\r\n|18:\r\n" +
                       std::string(253, 'u'));
     EXPECT_EQ(h.entity()->at_pdp_ctx[1].setup_req.apn, std::string(127, 'a'));
-    EXPECT_EQ(values({count(") datamngr_entity_dati_task_hdl(): AT Cmd = \"INVAL_AT_VAL\""),
-                      count(") datamngr_dati_task_hdl(): AT Cmd of 9 bytes without its end is "
-                            "refused!!")}),
-              "2 1");
+    EXPECT_EQ(count(") datamngr_entity_dati_task_hdl(): AT Cmd = \"INVAL_AT_VAL\""), 2);
     // Called directly: without an event there is nothing to do; a registration
     // with no context to send it from goes nowhere.
     evfw_event_t *reg = evfw_event_alloc(nullptr);
@@ -357,9 +341,8 @@ TEST_F(Dati, UrcRoutinesTellWhatTheyDidAndHooksSeeThem) {
           "1 +CGEV: NW DEACT \"IP\", \"10.0.0.7\", 7", "1 +CGEV: ME DEACT 7",
           "1 +CGEV: NW PDN DEACT 6", "2 +CGEV: NW PDN ACT 1", "2 +CGEV: NW PDN DEACT",
           "2 +CGEV: NW PDN DEACT 9", "2 +CGEV: NW PDN DEACT 5", "3 +CGEV: ME PDN ACT",
-          "3 +CGEV: ME PDN DEACT", "3 +CGEV: ME PDN DEACT 9", "1 +CGEV: ME PDN DEACT 4"}) {
+          "3 +CGEV: ME PDN DEACT", "3 +CGEV: ME PDN DEACT 9", "1 +CGEV: ME PDN DEACT 4"})
         results += std::to_string(routines[c[0] - '0'](c.data() + 2, 0, 0, nullptr)) + " ";
-    }
     EXPECT_EQ(results, "-1 -1 0 0 0 0 -1 -1 0 0 -1 -1 0 0 ");
     // RB heard of the deactivations of known rows, by interface.
     for (const auto &e : h.sent_with_id(EVENT_RB_DEACT_DATA_CALL_IND))
