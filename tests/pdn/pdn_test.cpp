@@ -34,7 +34,6 @@ class Pdn : public DmTest {
 TEST_F(Pdn, RowsSearchesClearsAndTheDump) {
     for (int32_t cid : {0, 15, 100, 115}) EXPECT_NE(up(cid, 1, cid), nullptr) << cid;
     for (int32_t cid : {-1, 16, 99, 116}) EXPECT_EQ(up(cid, 1, cid), nullptr) << cid;
-    EXPECT_EQ(logged("[DMGR-WAR] find_pdn_info_by_index fail index 116\n"), 1u);
     EXPECT_EQ(reset_pdn_info(), 0);
     EXPECT_EQ(find_pdn_info_by_cid(0), nullptr);
     // An update keeps what the entry does not carry.
@@ -48,16 +47,15 @@ TEST_F(Pdn, RowsSearchesClearsAndTheDump) {
     up(6, 9, 5);  // a dedicated bearer only
     EXPECT_EQ(std::tuple(get_interface_by_cid(4), find_pdn_info_by_interface(9)),
               std::tuple(UINT32_MAX, nullptr));
-    EXPECT_EQ(logged("[DMGR-WAR] find_pdn_info_by_interface fail interface id 9\n"), 1u);
     epdg->cid = 3;  // the same cid in both tables
     EXPECT_EQ(find_pdn_info_by_cid(3), cell);
     cell->active = 0;
     EXPECT_EQ(std::tuple(find_pdn_info_by_cid(3), find_pdn_info_by_apn(nullptr)),
               std::tuple(epdg, nullptr));
     cell->active = 1;
-    EXPECT_EQ(std::tuple(clear_pdn_info_by_if_type(8, 3), clear_pdn_info_by_cid(4)),
-              std::tuple(0, 0));
-    EXPECT_EQ(std::tuple(logged("clear_pdn_info_by_cid"), cell->active), std::tuple(0u, 1u));
+    EXPECT_EQ(values({clear_pdn_info_by_if_type(8, 3), clear_pdn_info_by_cid(4),
+                      count("clear_pdn_info_by_cid"), cell->active, epdg->active}),
+              "0 0 0 1 1");
     memset(find_pdn_info_by_index(2)->apn, 'a', 128);  // read within its field
     dump_pdn_info();
     auto lines = h.logs_containing("PDN info ");
@@ -65,11 +63,9 @@ TEST_F(Pdn, RowsSearchesClearsAndTheDump) {
     EXPECT_EQ(log_body(lines[2]),
               "PDN info 2 active 0 " + std::string(128, 'a') + " interface id 0 cid 0\n");
     EXPECT_EQ(log_body(lines[3]), "PDN info 3 active 1 internet interface id 8 cid 3\n");
-    EXPECT_EQ(std::tuple(clear_pdn_info_by_cid(3), clear_pdn_info_by_if_type(9, 1)),
-              std::tuple(0, 0));
-    EXPECT_EQ(logged("[DMGR-INF] clear_pdn_info_by_cid 3\n"), 2u);
-    EXPECT_EQ(std::tuple(cell->active, epdg->active, find_pdn_info_by_cid(6)),
-              std::tuple(0u, 0u, nullptr));
+    EXPECT_EQ(values({clear_pdn_info_by_cid(3), clear_pdn_info_by_if_type(9, 1), cell->active,
+                      epdg->active, find_pdn_info_by_cid(6) != nullptr}),
+              "0 0 0 0 0");
 }
 
 // No flow fills a row's APN; a row whose APN is known is marked active on the
@@ -161,9 +157,7 @@ TEST_F(Pdn, SetupAnswerReplaysAParkedQuery) {
     auto sent = h.sent_to(h.client("imsm_0").id(), EVENT_DATAMNGR_GET_IMS_PDN_RESP);
     ASSERT_EQ(sent.size(), 1u);
     EXPECT_EQ(record_of<SetupDataCallResp>(sent[0]).status, 1u);
-    EXPECT_EQ(logged("[DMGR-ERR] dm_setup_data_call_resp interface id 4 parked query without "
-                     "event\n"),
-              1u);
+    EXPECT_EQ(logged("[DMGR-ERR] dm_setup_data_call_resp interface id 4 parked query"), 1u);
 }
 
 // A rejected setup is answered through the own queue as a failure; an
@@ -268,7 +262,6 @@ TEST_P(DnsCases, CommandLineAndRecord) {
     const std::string cmd = std::string("ndc resolver setnetdns 100") + c.servers;
     EXPECT_EQ(calls(), cmd + "\n");
     EXPECT_TRUE(record == want);
-    EXPECT_EQ(logged("[DMGR-INF] dm_network_config interface pdnet3 network id : 100"), 1u);
     EXPECT_EQ(logged("[DMGR-INF] add dns server & dns, ret = (768)"), 1u);
     EXPECT_EQ(logged("[DMGR-ERR] dm_network_config no IPv6 dns addr 0"), c.ipv6 && !c.count);
 }
@@ -305,8 +298,6 @@ TEST_F(Dns, WithoutARecordTheCommandStillRunsAndAppendsStayInTheBuffer) {
               std::string("0\0", 2) + std::string(16, 'x'));
     EXPECT_EQ(std::tuple(append_ipv4_addr(cmd, nullptr), append_ipv6_addr(cmd, nullptr)),
               std::tuple(-1, -1));
-    EXPECT_EQ(logged("[DMGR-ERR] append_ipv4_addr no address\n"), 1u);
-    EXPECT_EQ(logged("[DMGR-ERR] append_ipv6_addr no address\n"), 1u);
 }
 
 }  // namespace
