@@ -45,7 +45,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     dm::fuzz::Reader in({data, size});
     dm::testkit::Harness &h = dm::fuzz::fresh();
     dm::fuzz::setup(h, in.u8());
-    std::vector<uint8_t> payload;
+    static std::vector<uint8_t> payload;  // its capacity kept from input to input
     while (!in.done()) {
         auto &from = dm::fuzz::sender(h, in.u8());
         const uint8_t sel = in.u8();
