@@ -143,11 +143,11 @@ TEST_F(Ims, IndicationsTellWhetherTheyForwarded) {
 // ---- the listener -------------------------------------------------------------------
 
 // Netlink address messages on lo (index 1), laid out as the kernel does,
-// from a spec: "|" starts a message ("|3" one of type 3), an address is an
+// from a recipe: "|" starts a message ("|3" one of type 3), an address is an
 // IFA_ADDRESS attribute, "T*N" an attribute of type T with N bytes; a
 // message ends with its last attribute, unpadded.  Then "len=" sets the
 // first message's length, "cut=" the bytes kept.
-Bytes netlink(const std::string &spec) {
+Bytes netlink(const std::string &recipe) {
     Bytes b;
     size_t start = 0;
     std::map<char, uint32_t> set;
@@ -160,7 +160,7 @@ Bytes netlink(const std::string &spec) {
         if (len != 0) memcpy(&b[start], &len, sizeof(len));
         b.resize(start = NLMSG_ALIGN(b.size()));
     };
-    std::istringstream in(spec);
+    std::istringstream in(recipe);
     for (std::string w; in >> w;) {
         const size_t star = w.find('*'), eq = w.find('=');
         if (eq == std::string::npos) b.resize(NLMSG_ALIGN(b.size()));
@@ -186,7 +186,7 @@ Bytes netlink(const std::string &spec) {
 }
 
 TEST_F(Ims, NetlinkWalksLogWhatTheLengthsAllow) {
-    // Each buffer's spec, the result with the "netlink message len" and "address = " lines,
+    // Each buffer's recipe, the result with the "netlink message len" and "address = " lines,
     // and lines that must be there in a row.
     const std::vector<std::array<const char *, 3>> walks = {
             {"| 2001:db8:1:2::5", "0 1 1",
@@ -208,12 +208,12 @@ TEST_F(Ims, NetlinkWalksLogWhatTheLengthsAllow) {
             {"| 6*2 fe80::1 8*2 | 2*16 2001:db8:1:2::5", "0 2 2",
              "data =  6, type = 8, IFA_ADDRESS = 1\n] netlink message len = 64\n"},
             {"| fe80::1 8*2 cut=50", "-1 1 1", ""}};
-    for (const auto &[spec, outcome, lines] : walks) {
-        SCOPED_TRACE(spec);
+    for (const auto &[recipe, outcome, lines] : walks) {
+        SCOPED_TRACE(recipe);
         h.clear();
         // A usable message after the given length, at the next boundary: a read
         // past the length would find its prefix.
-        Bytes buf = netlink(spec), bait = netlink("| 2001:db8:7::7");
+        Bytes buf = netlink(recipe), bait = netlink("| 2001:db8:7::7");
         const size_t len = buf.size();
         buf.resize(NLMSG_ALIGN(len));
         buf.insert(buf.end(), bait.begin(), bait.end());
