@@ -51,7 +51,6 @@ testkit::Harness &fresh() {
     static testkit::Harness *h = [] {
         auto *made = new testkit::Harness;  // kept to the end: the entity stays loaded
         made->rt().set_trace(false);
-        made->rt().set_diag_echo(nullptr);
         // The modem's AT manager answers every AT command, echoing its cookie.
         made->task(TASK_ATMNGR).on_receive([](testkit::Peer &self, const testkit::Received &in) {
             AtCmdResp resp = {};

@@ -145,7 +145,6 @@ bool Sim::load(std::string &error) {
 
 bool Sim::start(const std::vector<std::string> &clients, std::string &error) {
     rt_.reset(deterministic() ? evfw_host::Mode::Deterministic : evfw_host::Mode::Threaded);
-    rt_.set_diag_echo(nullptr);
     rt_.set_thread_linger(opt_.thread_linger);
     if (opt_.wait_limit.count() != 0) rt_.set_wait_limit(opt_.wait_limit);
     for (const std::string &plan : opt_.faults) {

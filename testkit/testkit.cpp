@@ -232,9 +232,7 @@ long prescribed_leaks(const std::vector<LogLine> &logs) {
 std::string accounting_problems(const Runtime &rt) {
     const long live = rt.live_events();
     const long held = held_by_library();
-    LeakCounter counter;
-    rt.for_each_log([&counter](const LogLine &line) { counter.see(line); });
-    const long leaks = counter.total();
+    const long leaks = prescribed_leaks(rt.logs());
     const DatamngrEntity *entity = dm_entity();
     std::string out;
     if (live - held - leaks != 0) {

@@ -5,36 +5,41 @@
 #include <dlfcn.h>
 
 #include <algorithm>
+#include <condition_variable>
 #include <cstdlib>
 #include <cstring>
 #include <thread>
+#include <utility>
 
 #include "record.h"
 #include "router.h"
 
 namespace evfw_host {
 
+struct Entity {
+    evfw_entity_t rec{};
+    std::string name;
+    EntityAbi abi;
+    void *dl = nullptr;  // dlopen handle when loaded from a shared object
+};
+
 namespace {
 
-// A routine that deterministic mode runs only when asked to.
-struct PendingThread {
+// A routine started with evfw_thrd_start.
+struct Started {
     evfw_thrd_fn_t fn = nullptr;
     void *arg = nullptr;
     Entity *starter = nullptr;  // the entity in whose init it was started
-};
-
-struct StartedThread {
-    std::thread th;
-    bool done = false;
+    std::thread th;             // threaded mode
+    bool done = false;          // it has returned
 };
 
 struct Entities {
     std::vector<std::unique_ptr<Entity>> loaded;
     int loads_in_progress = 0;
-    std::vector<PendingThread> pending;                   // deterministic mode
-    std::vector<std::unique_ptr<StartedThread>> started;  // threaded mode
+    std::vector<std::unique_ptr<Started>> started;
     std::chrono::milliseconds linger{0};
-    std::condition_variable changed;  // a load done, a thread returned
+    std::condition_variable changed;  // a load done, a routine returned
 };
 
 Entities &entities() {
@@ -51,10 +56,8 @@ bool keep_loaded() {
 }
 
 std::vector<evfw_context *> contexts_of(const Guard &g, const Entity *owner) {
-    std::vector<evfw_context *> out;
-    for (uint32_t id : context_ids(g)) {
-        if (evfw_context *c = find_context(g, id); c->owner == owner) out.push_back(c);
-    }
+    std::vector<evfw_context *> out = contexts(g);
+    std::erase_if(out, [owner](const evfw_context *c) { return c->owner != owner; });
     return out;
 }
 
@@ -64,27 +67,17 @@ int set_handler(evfw_task_t *task, evfw_task_hdl_t hdl, void *arg) {
     record_call(g, "set_hdl(" + std::to_string(task->task_id) + ")");
     evfw_context *c = task_context(g, task, "set_hdl");
     if (c == nullptr) return -1;
-    c->handlers.task_hdl = hdl;
-    c->handlers.task_arg = arg;
+    c->handler = std::make_shared<const Handler>(
+            [task, hdl, arg](evfw_context *, evfw_event *ev, uint32_t) { hdl(task, ev, arg); });
     return 0;
 }
 
-bool all_returned(const Guard &) {
-    const auto &started = entities().started;
-    return std::all_of(started.begin(), started.end(), [](const auto &t) { return t->done; });
-}
-
-// Joins the started threads that have returned.
-void join_returned(Guard &g) {
-    std::vector<std::unique_ptr<StartedThread>> returned;
-    auto &started = entities().started;
-    for (auto &t : started) {
-        if (t->done) returned.push_back(std::move(t));
-    }
-    std::erase(started, nullptr);
-    g.unlock();
-    for (auto &t : returned) t->th.join();
-    g.lock();
+// Drops the routines that deterministic mode has not run yet, of `starter`
+// or of everyone.
+void drop_unrun(const Guard &, const Entity *starter) {
+    std::erase_if(entities().started, [starter](const auto &t) {
+        return !t->done && !t->th.joinable() && (starter == nullptr || t->starter == starter);
+    });
 }
 
 }  // namespace
@@ -106,9 +99,8 @@ int init_task(evfw_task_t *task, uint32_t entity_id, uint32_t task_id) {
          ++it) {
         if ((*it)->rec.id == entity_id) owner = it->get();
     }
-    evfw_context *c =
-            add_context(g, evfw_context::Kind::Task, task_id, 0, task_name(task_id), owner);
-    c->handlers.task = task;
+    evfw_context *c = add_context(g, task_id, 0, task_name(task_id), owner);
+    c->task = task;
     task->ctx = c;
     task->task_id = task_id;
     task->set_hdl = set_handler;
@@ -133,20 +125,18 @@ int exit_task(evfw_task_t *task) {
 int start_thread(evfw_thrd_fn_t fn, void *arg) {
     if (fn == nullptr) return -1;
     Guard g = lock();
-    Entities &e = entities();
     record_call(g, "evfw_thrd_start");
-    if (routing_mode(g) == Mode::Deterministic) {
-        e.pending.push_back(PendingThread{fn, arg, tl_loading});
-        return 0;
+    Entities &e = entities();
+    Started &t = *e.started.emplace_back(new Started{fn, arg, tl_loading, {}, false});
+    if (routing_mode(g) == Mode::Threaded) {
+        t.th = std::thread([&t, linger = e.linger] {
+            t.fn(t.arg);
+            std::this_thread::sleep_for(linger);
+            Guard returned = lock();
+            t.done = true;
+            entities().changed.notify_all();
+        });
     }
-    StartedThread *t = e.started.emplace_back(std::make_unique<StartedThread>()).get();
-    t->th = std::thread([t, fn, arg, linger = e.linger] {
-        fn(arg);
-        std::this_thread::sleep_for(linger);
-        Guard returned = lock();
-        t->done = true;
-        entities().changed.notify_all();
-    });
     return 0;
 }
 
@@ -175,28 +165,21 @@ void unload_entities() {
     {
         Guard g = lock();
         ents.swap(entities().loaded);
-        entities().pending.clear();
-        for (const auto &e : ents) {
-            for (evfw_context *c : contexts_of(g, e.get())) tasks.push_back(c);
-        }
+        drop_unrun(g, nullptr);
+        tasks = contexts(g);
+        std::erase_if(tasks, [](const evfw_context *c) { return c->owner == nullptr; });
     }
     // No handler of an entity runs while an entity tears its state down;
     // what the exits send to peers is still delivered.
-    for (evfw_context *c : tasks) stop_worker(c);
+    for (evfw_context *c : tasks) stop_context(c);
     for (auto e = ents.rbegin(); e != ents.rend(); ++e) {
         if ((*e)->abi.exit != nullptr) (*e)->abi.exit(&(*e)->rec);
-        Guard g = lock();
-        const std::vector<evfw_context *> rest = contexts_of(g, e->get());
-        g.unlock();
-        for (evfw_context *c : rest) remove_context(c);
     }
+    for (evfw_context *c : tasks) remove_context(c);
     // Threads the entities started end with their exit; their code lives in
     // the shared objects, which close only after.
     const std::chrono::milliseconds limit = wait_limit(lock());
-    if (!Runtime::instance().wait_threads(limit)) {
-        Guard g = lock();
-        entities().changed.wait(g, [&g] { return all_returned(g); });
-        join_returned(g);
+    while (!Runtime::instance().wait_threads(limit)) {
     }
     for (auto e = ents.rbegin(); e != ents.rend(); ++e) {
         if ((*e)->dl != nullptr) dlclose((*e)->dl);
@@ -229,45 +212,44 @@ evfw_entity_t *Runtime::load_entity(const std::string &name, const EntityAbi &ab
         e->rec.name = e->name.c_str();
         ++all.loads_in_progress;
     }
-    Entity *outer = tl_loading;
-    tl_loading = e;
-    evfw_entity_t *res = abi.init(&e->rec);
+    Entity *outer = std::exchange(tl_loading, e);
+    const bool ok = abi.init(&e->rec) != nullptr;
     tl_loading = outer;
 
-    std::vector<evfw_context *> dropped;
-    std::unique_ptr<Entity> failed;
-    {
-        // The framework's handlers are in place before the load counts as
-        // done, so that a thread released by evfw_wait_all_entity_init
-        // finds them.
-        Guard g = lock();
-        --all.loads_in_progress;
-        all.changed.notify_all();
-        if (res == nullptr) {  // the entity gave up: its tasks and routines go with it
-            dropped = contexts_of(g, e);
-            std::erase_if(all.pending, [e](const PendingThread &t) { return t.starter == e; });
-            auto it = std::find_if(all.loaded.begin(), all.loaded.end(),
-                                   [e](const auto &p) { return p.get() == e; });
-            failed = std::move(*it);
-            all.loaded.erase(it);
+    Guard g = lock();
+    // The framework's handlers are in place before the load counts as done,
+    // so that a thread released by evfw_wait_all_entity_init finds them.
+    for (const auto &[task_id, hdl] : abi.ctx_handlers) {
+        evfw_context *c = ok ? find_context(g, task_id) : nullptr;
+        if (ok && c == nullptr) {  // the framework makes the task the entity did not
+            c = add_context(g, task_id, 0, task_name(task_id), e);
         }
-        for (const auto &[task_id, hdl] : abi.ctx_handlers) {
-            if (res == nullptr) break;
-            evfw_context *c = find_context(g, task_id);
-            if (c == nullptr) {  // the framework makes the task the entity did not
-                c = add_context(g, evfw_context::Kind::Aux, task_id, 0, task_name(task_id), e);
-            } else if (c->kind == evfw_context::Kind::Peer) {
-                diag(g, "entity %s: handler for task %u not installed: a peer serves that id",
-                     name.c_str(), task_id);
-                continue;
-            }
-            c->handlers.ctx_hdl = hdl;
-            c->handlers.entity = &e->rec;
+        if (c != nullptr && c->peer != nullptr) {
+            diag(g, "entity %s: handler for task %u not installed: a peer serves that id",
+                 name.c_str(), task_id);
+        } else if (c != nullptr) {
+            c->handler = std::make_shared<const Handler>(
+                    // The entity's private state is read at delivery: its init sets it.
+                    [hdl, rec = &e->rec](evfw_context *self, evfw_event *ev, uint32_t) {
+                        hdl(self, ev, rec->priv);
+                    });
         }
     }
+    --all.loads_in_progress;
+    all.changed.notify_all();
+    if (ok) return &e->rec;
+
+    // The entity gave up: its tasks and routines go with it.
+    drop_unrun(g, e);
+    const std::vector<evfw_context *> dropped = contexts_of(g, e);
+    auto it = std::find_if(all.loaded.begin(), all.loaded.end(),
+                           [e](const auto &p) { return p.get() == e; });
+    const std::unique_ptr<Entity> failed = std::move(*it);
+    all.loaded.erase(it);
+    g.unlock();
     for (evfw_context *c : dropped) remove_context(c);
-    if (res == nullptr) last_error_ = "init of entity " + name + " failed (returned NULL)";
-    return res != nullptr ? &e->rec : nullptr;
+    last_error_ = "init of entity " + name + " failed (returned NULL)";
+    return nullptr;
 }
 
 evfw_entity_t *Runtime::load_library(
@@ -307,19 +289,31 @@ void Runtime::unload() {
 
 bool Runtime::wait_threads(std::chrono::milliseconds timeout) {
     Guard g = lock();
-    while (routing_mode(g) == Mode::Deterministic && !entities().pending.empty()) {
-        std::vector<PendingThread> batch;
-        batch.swap(entities().pending);
+    Entities &e = entities();
+    // Deterministic mode runs each routine here, in start order, and those
+    // they start.
+    for (size_t i = 0; i < e.started.size(); ++i) {
+        Started &t = *e.started[i];
+        if (t.done || t.th.joinable()) continue;
+        t.done = true;
         g.unlock();
-        for (const PendingThread &t : batch) t.fn(t.arg);
+        t.fn(t.arg);
         g.lock();
     }
-    if (!entities().changed.wait_for(g, timeout, [&g] { return all_returned(g); })) {
+    if (!e.changed.wait_for(g, timeout, [&e] {
+            return std::all_of(e.started.begin(), e.started.end(),
+                               [](const auto &t) { return t->done; });
+        })) {
         diag(g, "a thread started with evfw_thrd_start is still running after %lld ms",
              static_cast<long long>(timeout.count()));
         return false;
     }
-    join_returned(g);
+    std::vector<std::unique_ptr<Started>> returned;
+    returned.swap(e.started);
+    g.unlock();
+    for (auto &t : returned) {
+        if (t->th.joinable()) t->th.join();
+    }
     return true;
 }
 

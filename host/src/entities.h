@@ -3,24 +3,15 @@
 #ifndef EVFW_HOST_ENTITIES_H
 #define EVFW_HOST_ENTITIES_H
 
-#include <string>
-
-#include "evfw_host/runtime.h"
+#include "evfw.h"
 #include "lock.h"
 
 namespace evfw_host {
 
-struct Entity {
-    evfw_entity_t rec{};
-    std::string name;
-    EntityAbi abi;
-    void *dl = nullptr;  // dlopen handle when loaded from a shared object
-};
-
 int init_task(evfw_task_t *task, uint32_t entity_id, uint32_t task_id);
 int exit_task(evfw_task_t *task);
-// evfw_thrd_start: kept for run_threads() in deterministic mode, a thread
-// of its own in threaded mode.
+// evfw_thrd_start: run in wait_threads() in deterministic mode, on a thread
+// of its own at once in threaded mode.
 int start_thread(evfw_thrd_fn_t fn, void *arg);
 int wait_all_entity_init();
 // What Runtime::unload does; the reset's first step.

@@ -14,10 +14,8 @@ namespace evfw_host {
 namespace {
 
 struct Store {
-    std::unordered_set<evfw_event *> live;  // every event handed out and not freed
-    uint32_t round = 1;
-    uint64_t allocated = 0;  // in this round
-    uint64_t freed = 0;      // of this round's events
+    std::unordered_set<evfw_event *> live;   // handed out in this round, not freed
+    std::unordered_set<evfw_event *> older;  // of earlier rounds, not reclaimed
     long bad_frees = 0;
 };
 
@@ -31,41 +29,29 @@ Store &store() {
 evfw_event *new_event(const Guard &, const evfw_event *source) {
     auto *ev = new (std::nothrow) evfw_event;
     if (ev == nullptr) return nullptr;
-    ev->round = store().round;
     if (source != nullptr) {
         ev->id = source->id;
         ev->chnl = source->chnl;
         ev->ext_id = source->ext_id;
     }
     store().live.insert(ev);
-    ++store().allocated;
     return ev;
-}
-
-evfw_event *new_event(const evfw_event *source) {
-    Guard g = lock();
-    return new_event(g, source);
 }
 
 void free_event(const Guard &g, evfw_event *ev) {
     Store &s = store();
-    if (s.live.erase(ev) == 0) {
+    if (s.live.erase(ev) == 0 && s.older.erase(ev) == 0) {
         ++s.bad_frees;
         diag(g, "evfw_event_free(%p): the event is not live (freed before?); ignored",
              static_cast<void *>(ev));
         return;
     }
-    if (ev->round == s.round) ++s.freed;
     delete ev;
 }
 
-void free_event(evfw_event *ev) {
-    Guard g = lock();
-    free_event(g, ev);
-}
-
 bool is_live(const Guard &, const evfw_event *ev) {
-    return store().live.count(const_cast<evfw_event *>(ev)) != 0;
+    auto *key = const_cast<evfw_event *>(ev);
+    return store().live.count(key) != 0 || store().older.count(key) != 0;
 }
 
 void new_event_round(bool reclaim) {
@@ -73,17 +59,16 @@ void new_event_round(bool reclaim) {
     {
         Guard g = lock();
         Store &s = store();
-        ++s.round;
-        s.allocated = s.freed = 0;
         s.bad_frees = 0;
-        if (reclaim) left.swap(s.live);
+        s.older.merge(s.live);
+        if (reclaim) left.swap(s.older);
     }
     for (evfw_event *ev : left) delete ev;
 }
 
 long Runtime::live_events() const {
     Guard g = lock();
-    return static_cast<long>(store().allocated - store().freed);
+    return static_cast<long>(store().live.size());
 }
 
 long Runtime::bad_frees() const {
@@ -99,11 +84,11 @@ extern "C" {
 
 evfw_event_t *evfw_event_alloc(const evfw_event_t *source) {
     if (evfw_host::fault(FaultCall::EventAlloc)) return nullptr;
-    return evfw_host::new_event(source);
+    return evfw_host::new_event(evfw_host::lock(), source);
 }
 
 void evfw_event_free(evfw_event_t *event) {
-    if (event != nullptr) evfw_host::free_event(event);
+    if (event != nullptr) evfw_host::free_event(evfw_host::lock(), event);
 }
 
 uint32_t event_get_id(const evfw_event_t *event) {

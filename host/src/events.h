@@ -15,7 +15,6 @@ struct evfw_event {
     uint32_t id = 0;
     uint32_t chnl = 0;    // route: the channel of the context it came from
     uint32_t ext_id = 0;  // route: that context's external id, 0 for a task
-    uint32_t round = 0;   // the accounting round it was allocated in
     std::vector<uint8_t> data;
 };
 
@@ -23,17 +22,14 @@ namespace evfw_host {
 
 // A new event; with `source`, it takes the source's id and route.  Not
 // subject to fault plans: the runtime's own events (peers, copies) use it.
-evfw_event *new_event(const evfw_event *source);
 evfw_event *new_event(const Guard &, const evfw_event *source);
 // Frees a live event; anything else is counted as a bad free and reported.
-void free_event(evfw_event *ev);
 void free_event(const Guard &, evfw_event *ev);
 bool is_live(const Guard &, const evfw_event *ev);
 
-// Starts a new accounting round: the counters restart from zero, and the
-// events of earlier rounds no longer count.  With `reclaim`, every event
-// still live is freed first, so that what a finished run left behind does
-// not pile up over many runs.
+// Starts a new accounting round: the events still live no longer count.
+// With `reclaim` they are freed, so that what a finished run left behind
+// does not pile up over many runs; else they stay valid to free.
 void new_event_round(bool reclaim);
 
 }  // namespace evfw_host

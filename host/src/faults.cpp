@@ -10,7 +10,6 @@
 #include <array>
 #include <cerrno>
 #include <charconv>
-#include <cstdlib>
 #include <vector>
 
 #include "record.h"
@@ -115,10 +114,8 @@ bool Runtime::add_fault(std::string_view plan, std::string &error) {
     bool ok;
     if (when.starts_with("p")) {
         const size_t slash = when.find('/');
-        const std::string probability(when.substr(1, slash - 1));
-        char *end = nullptr;
-        p.probability = std::strtod(probability.c_str(), &end);
-        ok = !probability.empty() && *end == '\0' && p.probability > 0 && p.probability <= 1 &&
+        ok = parse_number(when.substr(1, slash - 1), p.probability) && p.probability > 0 &&
+             p.probability <= 1 &&
              (slash == std::string_view::npos || parse_number(when.substr(slash + 1), p.rng));
     } else {
         p.onward = when.ends_with("-");

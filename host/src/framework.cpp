@@ -74,39 +74,37 @@ int thread_start(evfw_thrd_t *thrd, evfw_thrd_fn_t fn, void *arg) {
 
 }  // namespace evfw_host
 
-using evfw_host::fault;
-using evfw_host::FaultCall;
+using namespace evfw_host;  // NOLINT(google-build-using-namespace): the C API over the runtime
 
 extern "C" {
 
 int evfw_task_init(evfw_task_t *task, uint32_t entity_id, uint32_t task_id) {
     if (fault(FaultCall::TaskInit)) return -1;
-    return evfw_host::init_task(task, entity_id, task_id);
+    return init_task(task, entity_id, task_id);
 }
 
 int evfw_task_exit(evfw_task_t *task) {
-    return evfw_host::exit_task(task);
+    return exit_task(task);
 }
 
 int evfw_connmngr_common_subscribe(evfw_task_t *task, uint32_t event_id, int mode) {
     if (task == nullptr) return -1;
-    evfw_host::record_subscription(evfw_host::Subscription{task->task_id, event_id, mode});
+    record_subscription(Subscription{task->task_id, event_id, mode});
     return 0;
 }
 
 int evfw_atmngr_subscribe_urc(evfw_task_t *task, const char *prefix, uint32_t event_id, int mode) {
     if (task == nullptr || prefix == nullptr) return -1;
-    evfw_host::record_urc_subscription(
-            evfw_host::UrcSubscription{task->task_id, prefix, event_id, mode});
+    record_urc_subscription(
+            UrcSubscription{task->task_id, prefix, event_id, mode});
     return 0;
 }
 
 int evfw_task_send_event(evfw_task_t *from, evfw_event_t *event, uint32_t task_id) {
-    if (fault(FaultCall::TaskSendEvent)) return -1;
-    if (from == nullptr || event == nullptr) return -1;
-    evfw_host::Guard g = evfw_host::lock();
-    evfw_context *c = evfw_host::task_context(g, from, "evfw_task_send_event");
-    return c != nullptr ? evfw_host::send(g, c, event, task_id) : -1;
+    if (fault(FaultCall::TaskSendEvent) || from == nullptr || event == nullptr) return -1;
+    Guard g = lock();
+    evfw_context *c = task_context(g, from, "evfw_task_send_event");
+    return c != nullptr ? send(g, c, event, task_id) : -1;
 }
 
 int evfw_task_send_recv_event(evfw_task_t *from, evfw_event_t *event, uint32_t task_id,
@@ -116,53 +114,58 @@ int evfw_task_send_recv_event(evfw_task_t *from, evfw_event_t *event, uint32_t t
         const int r = evfw_task_send_event(from, event, task_id);
         return r < 0 ? r : -ETIMEDOUT;
     }
-    return evfw_host::send_and_wait(from, event, task_id, cond, arg, arg_len);
+    if (from == nullptr || event == nullptr) return -1;
+    Guard g = lock();
+    evfw_context *c = task_context(g, from, "evfw_task_send_recv_event");
+    return c != nullptr ? send_and_wait(g, c, event, task_id, cond, arg, arg_len) : -1;
 }
 
 int evfw_context_common_send(evfw_context_t *from, evfw_event_t *event, uint32_t to_id) {
-    if (fault(FaultCall::ContextCommonSend)) return -1;
-    return evfw_host::send(from, event, to_id);
+    if (fault(FaultCall::ContextCommonSend) || from == nullptr || event == nullptr) return -1;
+    return send(lock(), from, event, to_id);
 }
 
 int evfw_task_bcast_ext_event(evfw_task_t *from, evfw_event_t *event) {
-    if (fault(FaultCall::TaskBcastExtEvent)) return -1;
-    return evfw_host::broadcast(from, event);
+    if (fault(FaultCall::TaskBcastExtEvent) || from == nullptr || event == nullptr) return -1;
+    Guard g = lock();
+    evfw_context *c = task_context(g, from, "evfw_task_bcast_ext_event");
+    return c != nullptr ? broadcast(g, c, event) : -1;
 }
 
 int evfw_mutex_init(evfw_mutex_t *mutex) {
     if (mutex == nullptr) return -1;
-    evfw_host::record_call(evfw_host::lock(), "evfw_mutex_init");
+    record_call(lock(), "evfw_mutex_init");
     if (fault(FaultCall::MutexInit)) return -ENOMEM;
-    auto *m = new (std::nothrow) evfw_host::HostMutex;
+    auto *m = new (std::nothrow) HostMutex;
     if (m == nullptr) return -ENOMEM;
-    mutex->lock = evfw_host::mutex_lock;
-    mutex->unlock = evfw_host::mutex_unlock;
+    mutex->lock = mutex_lock;
+    mutex->unlock = mutex_unlock;
     mutex->fw = m;
     return 0;
 }
 
 int evfw_mutex_exit(evfw_mutex_t *mutex) {
     if (mutex == nullptr) return -1;
-    evfw_host::record_call(evfw_host::lock(), "evfw_mutex_exit");
-    delete static_cast<evfw_host::HostMutex *>(mutex->fw);
+    record_call(lock(), "evfw_mutex_exit");
+    delete static_cast<HostMutex *>(mutex->fw);
     mutex->fw = nullptr;
     return 0;
 }
 
 int evfw_thrd_init(evfw_thrd_t *thrd) {
     if (thrd == nullptr) return -1;
-    evfw_host::record_call(evfw_host::lock(), "evfw_thrd_init");
+    record_call(lock(), "evfw_thrd_init");
     if (fault(FaultCall::ThrdInit)) {
         thrd->start = nullptr;  // not prepared
         return -1;
     }
-    thrd->start = evfw_host::thread_start;
+    thrd->start = thread_start;
     thrd->fw = nullptr;
     return 0;
 }
 
 int evfw_wait_all_entity_init(void) {
-    return evfw_host::wait_all_entity_init();
+    return wait_all_entity_init();
 }
 
 }  // extern "C"

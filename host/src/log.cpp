@@ -1,5 +1,5 @@
-// Android logging: the daemon's log tables, __android_log_print, capture and
-// logcat-style echo.
+// Android logging: the daemon's log tables, __android_log_print and its
+// capture, and the logcat form of a line.
 #include "plugs.h"
 
 #include <sys/syscall.h>
@@ -39,7 +39,6 @@ namespace {
 struct Logs {
     std::vector<LogLine> lines;
     bool capture = true;
-    FILE *echo = nullptr;
 };
 
 Logs &logs_store() {
@@ -61,20 +60,12 @@ size_t log_count(const Guard &) {
 void reset_logs(const Guard &, bool settings) {
     Logs &l = logs_store();
     l.lines.clear();
-    if (settings) {
-        l.capture = true;
-        l.echo = nullptr;
-    }
+    if (settings) l.capture = true;
 }
 
 std::vector<LogLine> Runtime::logs() const {
     Guard g = lock();
     return logs_store().lines;
-}
-
-void Runtime::for_each_log(const std::function<void(const LogLine &)> &visit) const {
-    Guard g = lock();
-    for (const LogLine &line : logs_store().lines) visit(line);
 }
 
 void Runtime::clear_logs() {
@@ -85,11 +76,6 @@ void Runtime::clear_logs() {
 void Runtime::set_log_capture(bool capture) {
     Guard g = lock();
     logs_store().capture = capture;
-}
-
-void Runtime::set_log_echo(FILE *out) {
-    Guard g = lock();
-    logs_store().echo = out;
 }
 
 std::string Runtime::logcat(const LogLine &line) {
@@ -131,11 +117,6 @@ extern "C" int __android_log_print(int prio, const char *tag, const char *fmt, .
 
     evfw_host::Guard g = evfw_host::lock();
     evfw_host::Logs &l = evfw_host::logs_store();
-    evfw_host::LogLine line{prio, tag != nullptr ? tag : "", std::move(text), syscall(SYS_gettid)};
-    if (l.echo != nullptr) {
-        fprintf(l.echo, "%s\n", evfw_host::Runtime::logcat(line).c_str());
-        fflush(l.echo);
-    }
-    if (l.capture) l.lines.push_back(std::move(line));
+    if (l.capture) l.lines.push_back({prio, tag != nullptr ? tag : "", std::move(text), syscall(SYS_gettid)});
     return n;
 }

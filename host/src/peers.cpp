@@ -2,6 +2,7 @@
 // around an entity.  A peer's sends take the same path as an entity's.
 #include <stdexcept>
 
+#include "record.h"
 #include "router.h"
 
 namespace evfw_host {
@@ -19,17 +20,19 @@ Peers &peers() {
 }
 
 Peer &add_peer(const Guard &g, uint32_t id, uint32_t ext_id, std::string name) {
-    evfw_context *c = add_context(g, evfw_context::Kind::Peer, id, ext_id, std::move(name));
-    c->handlers.peer = peers().all.emplace_back(std::make_unique<Peer>(c)).get();
-    return *c->handlers.peer;
+    evfw_context *c = add_context(g, id, ext_id, std::move(name));
+    c->peer = peers().all.emplace_back(std::make_unique<Peer>(c)).get();
+    return *c->peer;
 }
 
-int send_new(evfw_context *from, evfw_event *ev, uint32_t to, uint32_t event_id, const void *data,
-             size_t len) {
+int send_new(evfw_context *from, const evfw_event *source, uint32_t to, uint32_t event_id,
+             const void *data, size_t len) {
+    Guard g = lock();
+    evfw_event *ev = new_event(g, source);
     if (ev == nullptr) return -1;
     ev->id = event_id;
-    if (event_set_data(ev, 0, data, len) == nullptr || send(from, ev, to) < 0) {
-        free_event(ev);
+    if (event_set_data(ev, 0, data, len) == nullptr || send(g, from, ev, to) < 0) {
+        free_event(g, ev);
         return -1;
     }
     return 0;
@@ -52,16 +55,27 @@ const std::string &Peer::name() const {
 
 void Peer::on_receive(PeerHandler handler) {
     Guard g = lock();
-    ctx_->handlers.peer_hdl = handler ? std::make_shared<PeerHandler>(std::move(handler)) : nullptr;
+    ctx_->handler = nullptr;
+    if (!handler) return;
+    // The runtime frees the event once the peer's handler returns.
+    ctx_->handler = std::make_shared<const Handler>(
+            [this, handler](evfw_context *, evfw_event *ev, uint32_t from) {
+                try {
+                    handler(*this, Received{ev, ev->id, from, ev->chnl, ev->data});
+                } catch (const std::exception &e) {
+                    diag(lock(), "handler of peer %s threw: %s", name().c_str(), e.what());
+                }
+                free_event(lock(), ev);
+            });
 }
 
 int Peer::send(uint32_t to, uint32_t event_id, const void *data, size_t len) {
-    return send_new(ctx_, new_event(nullptr), to, event_id, data, len);
+    return send_new(ctx_, nullptr, to, event_id, data, len);
 }
 
 int Peer::reply(const evfw_event_t *request, uint32_t to, uint32_t event_id, const void *data,
                 size_t len) {
-    return send_new(ctx_, new_event(request), to, event_id, data, len);
+    return send_new(ctx_, request, to, event_id, data, len);
 }
 
 Peer &Runtime::add_task(uint32_t task_id) {
@@ -71,7 +85,7 @@ Peer &Runtime::add_task(uint32_t task_id) {
     }
     Guard g = lock();
     if (evfw_context *c = find_context(g, task_id); c != nullptr) {
-        if (c->handlers.peer != nullptr) return *c->handlers.peer;
+        if (c->peer != nullptr) return *c->peer;
         throw std::logic_error("add_task: task " + std::to_string(task_id) +
                                " is served by an entity");
     }
@@ -87,7 +101,7 @@ Peer &Runtime::add_client(const std::string &name) {
 Peer *Runtime::peer(uint32_t id) {
     Guard g = lock();
     evfw_context *c = find_context(g, id);
-    return c != nullptr ? c->handlers.peer : nullptr;
+    return c != nullptr ? c->peer : nullptr;
 }
 
 }  // namespace evfw_host

@@ -23,7 +23,6 @@ struct Record {
     std::vector<Subscription> subscriptions;
     std::vector<UrcSubscription> urc_subscriptions;
     std::vector<Diagnostic> diagnostics;
-    FILE *diag_echo = stderr;
     long bad_unlocks = 0;
     long timeouts = 0;
 };
@@ -31,14 +30,6 @@ struct Record {
 Record &record() {
     static Record *r = new Record;
     return *r;
-}
-
-void add_diagnostic(const Guard &g, const char *fmt, va_list ap) {
-    char text[512];
-    vsnprintf(text, sizeof text, fmt, ap);
-    Record &r = record();
-    r.diagnostics.push_back(Diagnostic{r.last_seq, log_count(g), text, syscall(SYS_gettid)});
-    if (r.diag_echo != nullptr) fprintf(r.diag_echo, "evfw_host: %s\n", text);
 }
 
 }  // namespace
@@ -71,18 +62,13 @@ void record_urc_subscription(const UrcSubscription &s) {
 // printf-style, as the log lines beside them; the format attribute checks
 // every call.
 void diag(const Guard &g, const char *fmt, ...) {  // NOLINT(cert-dcl50-cpp)
+    char text[512];
     va_list ap;
     va_start(ap, fmt);
-    add_diagnostic(g, fmt, ap);
+    vsnprintf(text, sizeof text, fmt, ap);
     va_end(ap);
-}
-
-void diag(const char *fmt, ...) {  // NOLINT(cert-dcl50-cpp)
-    Guard g = lock();
-    va_list ap;
-    va_start(ap, fmt);
-    add_diagnostic(g, fmt, ap);
-    va_end(ap);
+    Record &r = record();
+    r.diagnostics.push_back(Diagnostic{r.last_seq, log_count(g), text, syscall(SYS_gettid)});
 }
 
 void note_bad_unlock(const Guard &) {
@@ -101,7 +87,6 @@ void reset_record(const Guard &, bool settings) {
     r.diagnostics.clear();
     if (!settings) return;
     r.trace_on = true;
-    r.diag_echo = stderr;
     r.calls.clear();
     r.subscriptions.clear();
     r.urc_subscriptions.clear();
@@ -186,11 +171,6 @@ long Runtime::bad_unlocks() const {
 long Runtime::timeouts() const {
     Guard g = lock();
     return record().timeouts;
-}
-
-void Runtime::set_diag_echo(FILE *out) {
-    Guard g = lock();
-    record().diag_echo = out;
 }
 
 }  // namespace evfw_host

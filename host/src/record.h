@@ -17,8 +17,7 @@ void record_call(const Guard &, std::string call);
 void record_subscription(const Subscription &s);
 void record_urc_subscription(const UrcSubscription &s);
 
-// A diagnostic: recorded in its place and echoed (stderr unless set).
-void diag(const char *fmt, ...) __attribute__((format(printf, 1, 2)));
+// A diagnostic, recorded in its place.
 void diag(const Guard &, const char *fmt, ...) __attribute__((format(printf, 2, 3)));
 
 // Counts a foreign unlock of a framework mutex, and a wait (send-and-wait,
@@ -26,8 +25,8 @@ void diag(const Guard &, const char *fmt, ...) __attribute__((format(printf, 2, 
 void note_bad_unlock(const Guard &);
 void note_timeout(const Guard &);
 
-// Forgets what was recorded, counts included; with `settings`, the trace, its data and the
-// diagnostics' echo to stderr are back on.
+// Forgets what was recorded, counts included; with `settings`, also the
+// calls and subscriptions, and the trace is back on.
 void reset_record(const Guard &, bool settings);
 
 }  // namespace evfw_host

@@ -3,7 +3,9 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <condition_variable>
 #include <cstring>
+#include <deque>
 #include <map>
 
 #include "entities.h"
@@ -13,7 +15,14 @@ namespace evfw_host {
 
 namespace {
 
-// A task blocked in send-and-wait, threaded mode.
+// One send on its way to its receiver.
+struct Item {
+    uint32_t from = 0;
+    uint32_t to = 0;
+    evfw_event *ev = nullptr;
+};
+
+// A task blocked in send-and-wait.
 struct Waiter {
     uint32_t task = 0;
     evfw_rx_cond_t cond = nullptr;
@@ -21,7 +30,9 @@ struct Waiter {
     size_t arg_len = 0;
     bool matched = false;
 
-    bool accepts(const evfw_event *ev) const { return cond == nullptr || cond(ev, arg, arg_len); }
+    bool accepts(const Item &i) const {
+        return i.to == task && (cond == nullptr || cond(i.ev, arg, arg_len) != 0);
+    }
 };
 
 struct Router {
@@ -29,10 +40,9 @@ struct Router {
     std::chrono::milliseconds wait_limit{2000};
     std::map<uint32_t, std::unique_ptr<evfw_context>> contexts;
     std::vector<std::unique_ptr<evfw_context>> removed;  // kept until the reset
-    std::deque<Item> queue;                              // deterministic mode
-    std::vector<uint32_t> waiting;    // deterministic send-and-wait, innermost last
-    std::vector<Waiter *> waiters;    // threaded send-and-wait
-    std::condition_variable changed;  // a delivery done, a wait matched
+    std::deque<Item> queue;
+    std::vector<Waiter *> waiters;    // innermost last
+    std::condition_variable changed;  // queued, delivered, stopped
     uint32_t next_chnl = 1;
     uint64_t deliveries = 0;
 };
@@ -42,73 +52,50 @@ Router &router() {
     return *r;
 }
 
-// Runs the receiver of one delivery, without the lock.
-void run(const Handlers &h, evfw_context *ctx, const Item &item) {
-    if (h.ctx_hdl != nullptr) {
-        // The entity's private state is read now: the entity sets it in its init.
-        h.ctx_hdl(ctx, item.ev, h.entity != nullptr ? h.entity->priv : nullptr);
-        return;
-    }
-    if (h.task_hdl != nullptr) {
-        h.task_hdl(h.task, item.ev, h.task_arg);
-        return;
-    }
-    if (h.peer_hdl != nullptr) {
-        const Received in{item.ev, item.ev->id, item.from, item.ev->chnl, item.ev->data};
-        try {
-            (*h.peer_hdl)(*h.peer, in);
-        } catch (const std::exception &e) {
-            diag("handler of peer %s threw: %s", h.peer->name().c_str(), e.what());
-        }
-    }
-    free_event(item.ev);  // after a peer, or when nothing serves the id any more
-}
-
 // Traces the send and queues the event for its receiver, or frees it when
-// nothing will deliver it.
+// nothing will deliver it.  A waiter it answers sees it at once: in
+// threaded mode the waiting task's own thread may take it meanwhile.
 void post(const Guard &g, uint32_t from, evfw_event *ev, uint32_t to) {
     Router &r = router();
     evfw_context *c = find_context(g, to);
     trace_send(g, from, to, ev, c == nullptr);
-    if (c == nullptr || c->stop) {
-        free_event(g, ev);
-    } else if (r.mode == Mode::Deterministic) {
-        r.queue.push_back(Item{from, to, ev});
-    } else {
-        for (Waiter *w : r.waiters) {
-            if (w->task == to && !w->matched && w->accepts(ev)) w->matched = true;
-        }
-        c->inbox.push_back(Item{from, to, ev});
-        c->wake.notify_one();
-        r.changed.notify_all();
-    }
+    if (c == nullptr || c->stop) return free_event(g, ev);
+    const Item item{from, to, ev};
+    for (Waiter *w : r.waiters) w->matched = w->matched || w->accepts(item);
+    r.queue.push_back(item);
+    r.changed.notify_all();
 }
 
-// A fresh event takes the sender's route; a derived one keeps its source's.
-void take_route(evfw_event *ev, const evfw_context *from) {
-    if (ev->chnl == 0) {
-        ev->chnl = from->chnl;
-        ev->ext_id = from->ext_id;
+// Takes the queued item `it` for `c` and runs c's handler for it, without
+// the lock; a context that takes nothing more frees it.
+void deliver(Guard &g, evfw_context *c, std::deque<Item>::iterator it) {
+    Router &r = router();
+    const Item item = *it;
+    r.queue.erase(it);
+    const std::shared_ptr<const Handler> handler = c->stop ? nullptr : c->handler;
+    c->busy = true;
+    g.unlock();
+    if (handler != nullptr) {
+        (*handler)(c, item.ev, item.from);
+    } else {
+        free_event(lock(), item.ev);
     }
+    g.lock();
+    c->busy = false;
+    ++r.deliveries;
+    r.changed.notify_all();
 }
 
 // Deterministic mode: delivers the first queued item that is not addressed
-// to a task blocked in send-and-wait, on this thread; false when there is
-// none.
+// to a task blocked in send-and-wait; false when there is none.
 bool deliver_next(Guard &g) {
     Router &r = router();
     auto it = std::find_if(r.queue.begin(), r.queue.end(), [&r](const Item &i) {
-        return std::find(r.waiting.begin(), r.waiting.end(), i.to) == r.waiting.end();
+        return std::none_of(r.waiters.begin(), r.waiters.end(),
+                            [&i](const Waiter *w) { return w->task == i.to; });
     });
     if (it == r.queue.end()) return false;
-    const Item item = *it;
-    r.queue.erase(it);
-    evfw_context *c = find_context(g, item.to);
-    const Handlers h = c != nullptr ? c->handlers : Handlers{};
-    ++r.deliveries;
-    g.unlock();
-    run(h, c, item);
-    g.lock();
+    deliver(g, find_context(g, it->to), it);
     return true;
 }
 
@@ -117,26 +104,37 @@ void work(evfw_context *c) {
     Router &r = router();
     Guard g = lock();
     for (;;) {
-        c->wake.wait(g, [c] { return c->stop || !c->inbox.empty(); });
+        auto mine = r.queue.end();
+        r.changed.wait(g, [&] {
+            mine = std::find_if(r.queue.begin(), r.queue.end(),
+                                [c](const Item &i) { return i.to == c->id; });
+            return c->stop || mine != r.queue.end();
+        });
         if (c->stop) return;
-        const Item item = c->inbox.front();
-        c->inbox.pop_front();
-        c->busy = true;
-        const Handlers h = c->handlers;
-        g.unlock();
-        run(h, c, item);
-        g.lock();
-        c->busy = false;
-        ++r.deliveries;
-        r.changed.notify_all();
+        deliver(g, c, mine);
     }
 }
 
 bool idle(const Guard &) {
     Router &r = router();
-    return r.queue.empty() && std::all_of(r.contexts.begin(), r.contexts.end(), [](auto &c) {
-               return !c.second->busy && c.second->inbox.empty();
-           });
+    return r.queue.empty() && std::none_of(r.contexts.begin(), r.contexts.end(),
+                                           [](const auto &c) { return c.second->busy; });
+}
+
+// -1, with a diagnostic, unless `from` may send `ev`; then the event takes
+// its route: a fresh event the sender's, a derived one keeps its source's.
+int prepare(const Guard &g, evfw_context *from, evfw_event *ev, const char *what) {
+    if (!is_live(g, ev) || from->gone) {
+        diag(g, "%s of event %p from %s(%u): %s; refused", what, static_cast<void *>(ev),
+             from->name.c_str(), from->id,
+             from->gone ? "the sender is gone" : "the event is not live");
+        return -1;
+    }
+    if (ev->chnl == 0) {
+        ev->chnl = from->chnl;
+        ev->ext_id = from->ext_id;
+    }
+    return 0;
 }
 
 int gave_up(const Guard &g, const Waiter &w, const char *why) {
@@ -167,17 +165,16 @@ evfw_context *find_context(const Guard &, uint32_t id) {
     return it != router().contexts.end() ? it->second.get() : nullptr;
 }
 
-std::vector<uint32_t> context_ids(const Guard &) {
-    std::vector<uint32_t> ids;
-    for (const auto &[id, c] : router().contexts) ids.push_back(id);
-    return ids;
+std::vector<evfw_context *> contexts(const Guard &) {
+    std::vector<evfw_context *> all;
+    for (const auto &[id, c] : router().contexts) all.push_back(c.get());
+    return all;
 }
 
-evfw_context *add_context(const Guard &, evfw_context::Kind kind, uint32_t id, uint32_t ext_id,
-                          std::string name, Entity *owner) {
+evfw_context *add_context(const Guard &, uint32_t id, uint32_t ext_id, std::string name,
+                          Entity *owner) {
     Router &r = router();
     auto &c = r.contexts[id] = std::make_unique<evfw_context>();
-    c->kind = kind;
     c->id = id;
     c->ext_id = ext_id;
     c->chnl = r.next_chnl++;
@@ -187,22 +184,19 @@ evfw_context *add_context(const Guard &, evfw_context::Kind kind, uint32_t id, u
     return c.get();
 }
 
-void stop_worker(evfw_context *c) {
-    Router &r = router();
+void stop_context(evfw_context *c) {
     {
         Guard g = lock();
+        if (!c->stop) {
+            std::erase_if(router().queue, [&g, c](const Item &i) {
+                if (i.to == c->id) free_event(g, i.ev);
+                return i.to == c->id;
+            });
+        }
         c->stop = true;
-        c->wake.notify_all();
+        router().changed.notify_all();
     }
     if (c->worker.joinable() && c->worker.get_id() != std::this_thread::get_id()) c->worker.join();
-    Guard g = lock();
-    for (const Item &i : c->inbox) free_event(g, i.ev);
-    c->inbox.clear();
-    std::erase_if(r.queue, [&g, c](const Item &i) {
-        if (i.to == c->id) free_event(g, i.ev);
-        return i.to == c->id;
-    });
-    r.changed.notify_all();
 }
 
 void remove_context(evfw_context *c) {
@@ -215,96 +209,65 @@ void remove_context(evfw_context *c) {
         }
         c->gone = true;
     }
-    stop_worker(c);
+    stop_context(c);
 }
 
 evfw_context *task_context(const Guard &g, const evfw_task_t *task, const char *what) {
     auto *c = static_cast<evfw_context *>(task->fw);
-    if (c != nullptr && !c->gone && c->handlers.task == task) return c;
+    if (c != nullptr && !c->gone && c->task == task) return c;
     diag(g, "%s from task %u, which is not initialised (or has exited); refused", what,
          task->task_id);
     return nullptr;
 }
 
 int send(const Guard &g, evfw_context *from, evfw_event *ev, uint32_t to) {
-    if (!is_live(g, ev)) {
-        diag(g, "send of event %p to %u: the event is not live; refused", static_cast<void *>(ev),
-             to);
-        return -1;
-    }
-    if (from->gone) {
-        diag(g, "send of event %u to %u from a context that is gone; refused", ev->id, to);
-        return -1;
-    }
-    take_route(ev, from);
+    if (prepare(g, from, ev, "send") < 0) return -1;
     post(g, from->id, ev, to);
     return 0;
 }
 
-int send(evfw_context *from, evfw_event *ev, uint32_t to) {
-    if (from == nullptr || ev == nullptr) return -1;
-    Guard g = lock();
-    return send(g, from, ev, to);
-}
-
-int broadcast(evfw_task_t *from, evfw_event *ev) {
-    if (from == nullptr || ev == nullptr) return -1;
-    Guard g = lock();
-    evfw_context *c = task_context(g, from, "evfw_task_bcast_ext_event");
-    if (c == nullptr) return -1;
-    if (!is_live(g, ev)) {
-        diag(g, "broadcast of event %p: the event is not live; refused", static_cast<void *>(ev));
-        return -1;
-    }
-    take_route(ev, c);
-    std::vector<uint32_t> clients = context_ids(g);
-    std::erase_if(clients, [](uint32_t id) { return id < EVFW_EXT_ID_BASE; });
-    if (clients.empty()) trace_send(g, c->id, 0, ev, true);
-    for (uint32_t to : clients) {
+int broadcast(const Guard &g, evfw_context *from, evfw_event *ev) {
+    if (prepare(g, from, ev, "broadcast") < 0) return -1;
+    bool clients = false;
+    for (const auto &[to, c] : router().contexts) {
+        if (to < EVFW_EXT_ID_BASE) continue;
+        clients = true;
         evfw_event *copy = new_event(g, ev);
         if (copy == nullptr) {
             diag(g, "broadcast of event %u: no memory for the copy to %u", ev->id, to);
             continue;
         }
         copy->data = ev->data;
-        post(g, c->id, copy, to);
+        post(g, from->id, copy, to);
     }
+    if (!clients) trace_send(g, from->id, 0, ev, true);
     free_event(g, ev);  // the copies went out; the event itself is consumed
     return 0;
 }
 
-int send_and_wait(evfw_task_t *from, evfw_event *ev, uint32_t to, evfw_rx_cond_t cond,
+int send_and_wait(Guard &g, evfw_context *from, evfw_event *ev, uint32_t to, evfw_rx_cond_t cond,
                   const void *arg, size_t arg_len) {
-    if (from == nullptr || ev == nullptr) return -1;
     Router &r = router();
-    Guard g = lock();
-    evfw_context *self = task_context(g, from, "evfw_task_send_recv_event");
-    if (self == nullptr) return -1;
-    Waiter w{self->id, cond, arg, arg_len, false};
-    if (r.mode == Mode::Threaded) {
-        // Registered before the send, so that a fast answer is not missed;
-        // an accepted event already queued counts as well.
-        w.matched = std::any_of(self->inbox.begin(), self->inbox.end(),
-                                [&w](const Item &i) { return w.accepts(i.ev); });
-        r.waiters.push_back(&w);
-        const int sent = send(g, self, ev, to);
-        if (sent == 0) r.changed.wait_for(g, r.wait_limit, [&w] { return w.matched; });
-        std::erase(r.waiters, &w);
-        if (sent < 0 || w.matched) return sent;
-        return gave_up(g, w, "gave up after the wait limit");
+    Waiter w{from->id, cond, arg, arg_len, false};
+    // Registered before the send, so that a fast answer is not missed; an
+    // accepted event already queued counts as well.
+    w.matched = std::any_of(r.queue.begin(), r.queue.end(),
+                            [&w](const Item &i) { return w.accepts(i); });
+    r.waiters.push_back(&w);
+    const int sent = send(g, from, ev, to);
+    if (sent == 0 && r.mode == Mode::Threaded) {
+        r.changed.wait_for(g, r.wait_limit, [&w] { return w.matched; });
     }
-    // Deterministic: the queue runs on this thread until an event for this
-    // task is accepted.  Events for waiting tasks are held back, in order,
-    // so that their handlers are not re-entered; they arrive after the wait.
-    const int sent = send(g, self, ev, to);
-    if (sent < 0) return sent;
-    r.waiting.push_back(w.task);
-    auto accepted = [&w](const Item &i) { return i.to == w.task && w.accepts(i.ev); };
-    while (!(w.matched = std::any_of(r.queue.begin(), r.queue.end(), accepted)) &&
-           deliver_next(g)) {
+    // Deterministic: the queue runs on this thread until the answer comes.
+    // Events for waiting tasks are held back, in order, so that their
+    // handlers are not re-entered; they arrive after the wait.
+    while (sent == 0 && r.mode == Mode::Deterministic && !w.matched && deliver_next(g)) {
     }
-    r.waiting.erase(std::find(r.waiting.rbegin(), r.waiting.rend(), w.task).base() - 1);
-    return w.matched ? 0 : gave_up(g, w, "the queue ran dry without it");
+    std::erase(r.waiters, &w);
+    if (sent < 0 || w.matched) return sent;
+    return gave_up(g, w,
+                   r.mode == Mode::Threaded ? "gave up after the wait limit"
+                                            : "the queue ran dry without it");
 }
 
 void drop_queued() {
@@ -312,10 +275,6 @@ void drop_queued() {
     Router &r = router();
     for (const Item &i : r.queue) free_event(g, i.ev);
     r.queue.clear();
-    for (auto &[id, c] : r.contexts) {
-        for (const Item &i : c->inbox) free_event(g, i.ev);
-        c->inbox.clear();
-    }
     r.deliveries = 0;
 }
 
@@ -325,6 +284,7 @@ void reset_routing(Mode mode) {
     {
         Guard g = lock();
         for (auto &[id, c] : r.contexts) c->stop = true;  // no handler starts any more
+        r.changed.notify_all();
     }
     unload_entities();
     {
@@ -335,10 +295,9 @@ void reset_routing(Mode mode) {
         r.removed.clear();
     }
     // A thread that removed its own context ends once its handler returns.
-    for (auto &c : dead) stop_worker(c.get());
+    for (auto &c : dead) stop_context(c.get());
     drop_queued();
     Guard g = lock();
-    r.waiting.clear();
     r.mode = mode;
     r.wait_limit = std::chrono::milliseconds(2000);
     r.next_chnl = 1;

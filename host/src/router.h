@@ -3,16 +3,15 @@
 //
 // A context serves one id: an entity's task (evfw_task_init), a task the
 // framework made for a handler it installs (EntityAbi::ctx_handlers), or a
-// peer.  Every send ends in one routine, which traces it and queues it for
-// its receiver: in the one queue pump() works off (deterministic mode), or
-// in the receiver's own queue, which the receiver's thread works off
-// (threaded mode).  A handler always runs without the lock.
+// peer.  Every send ends in one routine, which traces it and appends it to
+// the one queue.  Deterministic mode works the queue off in pump(), on the
+// caller's thread; threaded mode gives each context a thread that takes
+// what is addressed to it, in order.  A handler always runs without the lock.
 #ifndef EVFW_HOST_ROUTER_H
 #define EVFW_HOST_ROUTER_H
 
 #include <chrono>
-#include <condition_variable>
-#include <deque>
+#include <functional>
 #include <memory>
 #include <string>
 #include <thread>
@@ -25,44 +24,26 @@ namespace evfw_host {
 
 struct Entity;
 
-// One send on its way to its receiver.
-struct Item {
-    uint32_t from = 0;
-    uint32_t to = 0;
-    evfw_event *ev = nullptr;
-};
-
-// What runs for an event delivered to a context: copied out under the lock
-// and run without it, so that a handler may replace itself meanwhile.
-struct Handlers {
-    evfw_task_hdl_t task_hdl = nullptr;  // an entity's task: it owns the event
-    evfw_task_t *task = nullptr;
-    void *task_arg = nullptr;
-    evfw_ctx_hdl_t ctx_hdl = nullptr;  // installed by the framework: it owns the event
-    evfw_entity_t *entity = nullptr;
-    std::shared_ptr<PeerHandler> peer_hdl;  // a peer: the runtime frees the event after it
-    Peer *peer = nullptr;
-};
+// What runs for an event delivered to a context; it owns the event.
+using Handler = std::function<void(evfw_context *self, evfw_event *ev, uint32_t from)>;
 
 }  // namespace evfw_host
 
 struct evfw_context {
-    enum class Kind { Task, Aux, Peer };
-
-    Kind kind = Kind::Task;
     uint32_t id = 0;
     uint32_t chnl = 0;
     uint32_t ext_id = 0;  // its own id for an external client, else 0
     std::string name;
     evfw_host::Entity *owner = nullptr;  // the entity whose task this is
-    bool gone = false;                   // out of service: sends from it are refused
-    evfw_host::Handlers handlers;
-    // Threaded mode: the context's own queue and thread.
-    std::deque<evfw_host::Item> inbox;
-    std::thread worker;
-    std::condition_variable wake;
-    bool stop = false;  // what is sent to it is freed at once
-    bool busy = false;  // its handler runs
+    evfw_task_t *task = nullptr;         // the entity's task object, when it is one
+    evfw_host::Peer *peer = nullptr;     // the peer, when it is one
+    // Copied under the lock and run without it, so that a handler may
+    // replace itself meanwhile.  None: what the context gets is freed.
+    std::shared_ptr<const evfw_host::Handler> handler;
+    bool stop = false;   // it takes nothing more: what is sent to it is freed
+    bool gone = false;   // out of service: sends from it are refused
+    bool busy = false;   // its handler runs
+    std::thread worker;  // threaded mode
 };
 
 namespace evfw_host {
@@ -73,33 +54,31 @@ const char *task_name(uint32_t task_id);
 Mode routing_mode(const Guard &);
 std::chrono::milliseconds wait_limit(const Guard &);
 evfw_context *find_context(const Guard &, uint32_t id);  // nullptr: no context serves `id`
-std::vector<uint32_t> context_ids(const Guard &);
+std::vector<evfw_context *> contexts(const Guard &);     // every one in service
 // A new context for `id`; threaded, its thread starts at once.
-evfw_context *add_context(const Guard &, evfw_context::Kind kind, uint32_t id, uint32_t ext_id,
-                          std::string name, Entity *owner = nullptr);
-// Takes `c` out of service: its thread stops (unless this is that thread:
-// then it ends once its handler returns), what is queued for it is freed,
-// and sends from it are refused.  Its memory stays until the reset, so that
-// a stale pointer still reads as a context that is gone.
+evfw_context *add_context(const Guard &, uint32_t id, uint32_t ext_id, std::string name,
+                          Entity *owner = nullptr);
+// It takes nothing more: what is queued for it is freed and its thread
+// stops (unless this is that thread: then it ends once its handler returns).
+void stop_context(evfw_context *c);
+// Also takes `c` out of service: sends from it are refused.  Its memory
+// stays until the reset, so that a stale pointer still reads as a context
+// that is gone.
 void remove_context(evfw_context *c);
-// Stops the context's thread; what is queued for it, or sent to it from
-// now on, is freed.
-void stop_worker(evfw_context *c);
 // The context of an entity's live task, or nullptr after a diagnostic that
 // names `what`, the framework call.
 evfw_context *task_context(const Guard &, const evfw_task_t *task, const char *what);
 
-// The send of every sender: -1, with a diagnostic, for an event that is not
-// live or a sender that is gone; an event for an id that no context serves
-// is taken and freed.
-int send(evfw_context *from, evfw_event *ev, uint32_t to);
+// The sends: -1, with a diagnostic, for an event that is not live or a
+// sender that is gone (the event stays the caller's); an event for an id
+// that no context serves is taken and freed.
 int send(const Guard &, evfw_context *from, evfw_event *ev, uint32_t to);
-int broadcast(evfw_task_t *from, evfw_event *ev);
-int send_and_wait(evfw_task_t *from, evfw_event *ev, uint32_t to, evfw_rx_cond_t cond,
+int broadcast(const Guard &, evfw_context *from, evfw_event *ev);  // a copy to each client
+int send_and_wait(Guard &, evfw_context *from, evfw_event *ev, uint32_t to, evfw_rx_cond_t cond,
                   const void *arg, size_t arg_len);
 
-// Stops every thread, unloads the entities, drops every context, peer and
-// queued event and the counters; then `mode` applies.
+// Stops every thread, unloads the entities, drops every context and queued
+// event; then `mode` applies.
 void reset_routing(Mode mode);
 // Frees the queued events; contexts and peers stay.
 void drop_queued();

@@ -114,7 +114,6 @@ class EntityFixture : public ::testing::Test {
     explicit EntityFixture(Mode mode = Mode::Deterministic) : mode_(mode) {}
     void SetUp() override {
         rt.reset(mode_);
-        rt.set_diag_echo(nullptr);
         g_fake = &fake;
         g_exit_order.clear();
         ASSERT_NE(rt.load("fake", fake_abi()), nullptr) << rt.last_error();

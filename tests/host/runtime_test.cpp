@@ -74,7 +74,6 @@ TEST_F(Runtime_, EventDataIsCopiedAndEachEventIsCountedUntilFreedOnce) {
     for (const bool reset : {true, false}) {
         evfw_event_t *old = evfw_event_alloc(nullptr);
         reset ? rt.reset() : rt.new_round();
-        rt.set_diag_echo(nullptr);
         EXPECT_EQ(std::tuple(rt.live_events(), rt.bad_frees()), std::tuple(0L, 0L));
         evfw_event_free(old);
         const long reclaimed = reset && kept ? 0 : 1;
@@ -232,16 +231,12 @@ TEST_F(Runtime_, FaultPlansFailTheNthCallOnwardOrByChanceAndSayWhere) {
         EXPECT_FALSE(rt.add_fault(bad, error)) << bad;
 }
 
-TEST_F(Runtime_, LogTablesCaptureEchoAndLogcatShape) {
+TEST_F(Runtime_, LogTablesCaptureAndLogcatShape) {
     const int prio[RVN_LOG_PRIO_COUNT] = {0, 6, 5, 0, 4, 0, 0, 0, 3};
     for (int i = 0; i < RVN_LOG_PRIO_COUNT; ++i) EXPECT_EQ(android_log_prio[i], prio[i]) << i;
     EXPECT_EQ(std::string(android_log_tag[2]) + android_log_tag[10], "RVN_DATAMNGRDATAMNGR_EXT");
     EXPECT_EQ(rvn_pid, getpid());
-    const std::string line = printed([&](FILE *out) {
-        rt.set_log_echo(out);
-        EXPECT_EQ(__android_log_print(ANDROID_LOG_INFO, "RVN_DATAMNGR", "cid=%d %s\n", 3, "up"), 9);
-        rt.set_log_echo(nullptr);
-    });
+    EXPECT_EQ(__android_log_print(ANDROID_LOG_INFO, "RVN_DATAMNGR", "cid=%d %s\n", 3, "up"), 9);
     const std::string long_text(5000, 'x');
     EXPECT_EQ(__android_log_print(ANDROID_LOG_ERROR, "T", "%s!", long_text.c_str()), 5001);
     rt.set_log_capture(false);
@@ -252,8 +247,9 @@ TEST_F(Runtime_, LogTablesCaptureEchoAndLogcatShape) {
               std::tuple(int{ANDROID_LOG_INFO}, std::string("RVN_DATAMNGR"),
                          std::string("cid=3 up\n"), long_text + "!"));
     std::smatch m;
+    const std::string line = Runtime::logcat(logs[0]);
     const std::regex shape(
-            R"(\d\d-\d\d \d\d:\d\d:\d\d\.\d{3} +(\d+) +(\d+) I RVN_DATAMNGR: cid=3 up\n)");
+            R"(\d\d-\d\d \d\d:\d\d:\d\d\.\d{3} +(\d+) +(\d+) I RVN_DATAMNGR: cid=3 up)");
     ASSERT_TRUE(std::regex_match(line, m, shape)) << line;
     EXPECT_EQ(std::tuple(std::stol(m[1]), std::stol(m[2])),
               std::tuple(long{getpid()}, logs[0].tid));

@@ -17,8 +17,9 @@
 //  - Threaded: each context (task or peer) has its own thread and queue,
 //    as on the device; wait_idle() waits until every queue is drained.
 //
-// Every send is traced while the trace is on; every log line is captured.
-// Events are counted, so that a test can prove that each event was freed
+// Every send is traced while the trace is on; every log line is captured;
+// the runtime's own diagnostics are recorded in their places.  Events are
+// counted, so that a test can prove that each event was freed
 // exactly once or is held by its documented holder; a second free is
 // caught, counted in bad_frees() and ignored.
 #ifndef EVFW_HOST_RUNTIME_H
@@ -224,17 +225,11 @@ class Runtime {
     void print_trace(FILE *out) const;  // diagnostics in their places
 
     std::vector<LogLine> logs() const;
-    // Visits the captured lines in order without copying them; under the
-    // runtime's lock, so `visit` must not log.
-    void for_each_log(const std::function<void(const LogLine &)> &visit) const;
     void clear_logs();
     void set_log_capture(bool capture);  // off: lines are formatted, then discarded
-    void set_log_echo(FILE *out);        // a logcat-style copy of each line, or nullptr
-    static std::string logcat(const LogLine &line);
+    static std::string logcat(const LogLine &line);  // as logcat prints it, stamped now
 
-    // Each diagnostic is also echoed (stderr by default; nullptr: none).
     std::vector<Diagnostic> diagnostics() const;
-    void set_diag_echo(FILE *out);
 
     // ---- fault plans ----
     // Makes an imported call fail, each failure a diagnostic ("fault plan:
