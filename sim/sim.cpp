@@ -193,7 +193,7 @@ bool Sim::finish() {
                          opt_.trace_path.c_str(), errno_text(errno).c_str());
             ok = false;
         } else {
-            rt_.print_trace(f);
+            print_trace(f, rt_.trace(), rt_.diagnostics());
             std::fclose(f);
         }
     }
@@ -379,7 +379,7 @@ std::vector<LogLine> Sim::new_logs() {
 
 void Sim::print_logs(FILE *out) {
     for (const LogLine &l : new_logs()) {
-        std::fprintf(out, "      %s\n", evfw_host::Runtime::logcat(l).c_str());
+        std::fprintf(out, "      %s\n", logcat(l).c_str());
     }
 }
 

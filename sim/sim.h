@@ -182,6 +182,11 @@ struct StepResult {
 };
 StepResult run_steps(Sim &sim, const Scenario &sc, bool log, FILE *out);
 
+// The trace as text, one send a line, with the diagnostics in their places.
+void print_trace(FILE *out, const std::vector<evfw_host::TraceEntry> &trace,
+                 const std::vector<evfw_host::Diagnostic> &diags);
+// A log line as logcat prints it, stamped now.
+std::string logcat(const evfw_host::LogLine &line);
 // Writes the run's message flow as a Mermaid sequence diagram.
 bool write_diagram(const std::vector<evfw_host::TraceEntry> &trace, const std::string &title,
                    const std::string &path, std::string &error);

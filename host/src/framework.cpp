@@ -95,8 +95,7 @@ int evfw_connmngr_common_subscribe(evfw_task_t *task, uint32_t event_id, int mod
 
 int evfw_atmngr_subscribe_urc(evfw_task_t *task, const char *prefix, uint32_t event_id, int mode) {
     if (task == nullptr || prefix == nullptr) return -1;
-    record_urc_subscription(
-            UrcSubscription{task->task_id, prefix, event_id, mode});
+    record_urc_subscription(UrcSubscription{task->task_id, prefix, event_id, mode});
     return 0;
 }
 

@@ -1,16 +1,14 @@
-// Android logging: the daemon's log tables, __android_log_print and its
-// capture, and the logcat form of a line.
+// Android logging: the daemon's log tables and __android_log_print, whose
+// lines the runtime captures.
 #include "plugs.h"
 
 #include <sys/syscall.h>
-#include <sys/time.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
-#include <ctime>
 #include <string>
 #include <vector>
 
@@ -46,11 +44,6 @@ Logs &logs_store() {
     return *l;
 }
 
-// Android's letters for its priorities, VERBOSE (2) to FATAL (7).
-char prio_letter(int prio) {
-    return prio >= ANDROID_LOG_VERBOSE && prio <= ANDROID_LOG_FATAL ? "VDIWEF"[prio - 2] : '?';
-}
-
 }  // namespace
 
 size_t log_count(const Guard &) {
@@ -78,23 +71,6 @@ void Runtime::set_log_capture(bool capture) {
     logs_store().capture = capture;
 }
 
-std::string Runtime::logcat(const LogLine &line) {
-    struct timeval tv {};
-    gettimeofday(&tv, nullptr);
-    struct tm tm {};
-    const time_t secs = tv.tv_sec;
-    localtime_r(&secs, &tm);
-    char stamp[32];
-    strftime(stamp, sizeof stamp, "%m-%d %H:%M:%S", &tm);
-    std::string_view text = line.text;
-    while (!text.empty() && (text.back() == '\n' || text.back() == '\r')) text.remove_suffix(1);
-    char head[96];
-    snprintf(head, sizeof head, "%s.%03ld %5d %5ld %c ", stamp,
-             static_cast<long>(tv.tv_usec / 1000), static_cast<int>(getpid()), line.tid,
-             prio_letter(line.prio));
-    return std::string(head) + line.tag + ": " + std::string(text);
-}
-
 }  // namespace evfw_host
 
 extern "C" int __android_log_print(int prio, const char *tag, const char *fmt, ...) {
@@ -117,6 +93,7 @@ extern "C" int __android_log_print(int prio, const char *tag, const char *fmt, .
 
     evfw_host::Guard g = evfw_host::lock();
     evfw_host::Logs &l = evfw_host::logs_store();
-    if (l.capture) l.lines.push_back({prio, tag != nullptr ? tag : "", std::move(text), syscall(SYS_gettid)});
+    if (l.capture)
+        l.lines.push_back({prio, tag != nullptr ? tag : "", std::move(text), syscall(SYS_gettid)});
     return n;
 }

@@ -4,7 +4,6 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
-#include <cinttypes>
 #include <cstdarg>
 #include <cstdio>
 #include <vector>
@@ -105,29 +104,6 @@ void Runtime::clear_trace() {
 void Runtime::set_trace(bool on) {
     Guard g = lock();
     record().trace_on = on;
-}
-
-void Runtime::print_trace(FILE *out) const {
-    constexpr size_t kShownBytes = 32;
-    const std::vector<Diagnostic> diags = diagnostics();
-    auto next_diag = diags.begin();
-    auto diags_until = [&](uint64_t seq) {
-        for (; next_diag != diags.end() && next_diag->after_seq < seq; ++next_diag) {
-            fprintf(out, "     !! evfw_host: %s\n", next_diag->text.c_str());
-        }
-    };
-    for (const TraceEntry &e : trace()) {
-        diags_until(e.seq);
-        fprintf(out, "%4" PRIu64 " %s(%u) -> %s(%u) %s(%u) len=%zu", e.seq,
-                context_get_name(e.from), e.from, context_get_name(e.to), e.to,
-                event_get_name(e.event_id), e.event_id, e.len);
-        if (!e.data.empty()) fputs(" data=", out);
-        for (size_t i = 0; i < e.data.size() && i < kShownBytes; ++i)
-            fprintf(out, "%02x", e.data[i]);
-        if (e.data.size() > kShownBytes) fputs("...", out);
-        fputs(e.dropped ? " (dropped)\n" : "\n", out);
-    }
-    diags_until(UINT64_MAX);
 }
 
 std::vector<Subscription> Runtime::subscriptions() const {

@@ -222,12 +222,10 @@ class Runtime {
     void clear_trace();
     // Off: nothing is recorded, so that a long run keeps no state per send.
     void set_trace(bool on);
-    void print_trace(FILE *out) const;  // diagnostics in their places
 
     std::vector<LogLine> logs() const;
     void clear_logs();
     void set_log_capture(bool capture);  // off: lines are formatted, then discarded
-    static std::string logcat(const LogLine &line);  // as logcat prints it, stamped now
 
     std::vector<Diagnostic> diagnostics() const;
 
