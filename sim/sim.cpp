@@ -261,10 +261,24 @@ size_t Sim::urc(const std::string &line) {
     AtUrc rec;
     std::memset(&rec, 0, sizeof(rec));
     std::memcpy(rec.text, line.data(), std::min(line.size(), sizeof(rec.text) - 1));
+    // The AT manager's rule: a subscription matches at the line's start, or
+    // after its leading CR and LF with EVFW_URC_MODE_SKIP_CRLF.
+    std::string_view skipped = line;
+    while (!skipped.empty() && (skipped.front() == '\r' || skipped.front() == '\n')) {
+        skipped.remove_prefix(1);
+    }
     Peer &atmngr = task(TASK_ATMNGR);
-    auto subscribers = rt_.urc_subscribers(line);
-    for (const auto &s : subscribers) atmngr.send(s.task_id, s.event_id, &rec, sizeof(rec));
-    return subscribers.size();
+    size_t subscribers = 0;
+    for (const evfw_host::UrcSubscription &s : rt_.urc_subscriptions()) {
+        const bool match = (s.mode & EVFW_URC_MODE_SKIP_CRLF) != 0
+                                   ? skipped.starts_with(s.prefix)
+                                   : (s.mode & EVFW_URC_MODE_LINE_START) != 0 &&
+                                             std::string_view(line).starts_with(s.prefix);
+        if (!match) continue;
+        atmngr.send(s.task_id, s.event_id, &rec, sizeof(rec));
+        ++subscribers;
+    }
+    return subscribers;
 }
 
 void Sim::script(const std::function<void(RilScript &)> &change) {

@@ -92,14 +92,9 @@ int init_task(evfw_task_t *task, uint32_t entity_id, uint32_t task_id) {
              task_id >= EVFW_EXT_ID_BASE ? "in the external id range" : "already in use");
         return -1;
     }
-    // The task belongs to the entity whose init runs on this thread, else to
-    // the newest loaded entity that calls itself entity_id.
-    Entity *owner = tl_loading;
-    for (auto it = entities().loaded.rbegin(); owner == nullptr && it != entities().loaded.rend();
-         ++it) {
-        if ((*it)->rec.id == entity_id) owner = it->get();
-    }
-    evfw_context *c = add_context(g, task_id, 0, task_name(task_id), owner);
+    // The task belongs to the entity whose init runs on this thread: its
+    // unload exits it.
+    evfw_context *c = add_context(g, task_id, task_name(task_id), tl_loading);
     c->task = task;
     task->ctx = c;
     task->task_id = task_id;
@@ -222,7 +217,7 @@ evfw_entity_t *Runtime::load_entity(const std::string &name, const EntityAbi &ab
     for (const auto &[task_id, hdl] : abi.ctx_handlers) {
         evfw_context *c = ok ? find_context(g, task_id) : nullptr;
         if (ok && c == nullptr) {  // the framework makes the task the entity did not
-            c = add_context(g, task_id, 0, task_name(task_id), e);
+            c = add_context(g, task_id, task_name(task_id), e);
         }
         if (c != nullptr && c->peer != nullptr) {
             diag(g, "entity %s: handler for task %u not installed: a peer serves that id",

@@ -9,19 +9,9 @@ namespace evfw_host {
 
 namespace {
 
-struct Peers {
-    std::vector<std::unique_ptr<Peer>> all;
-    uint32_t next_ext = EVFW_EXT_ID_BASE;
-};
-
-Peers &peers() {
-    static Peers *p = new Peers;
-    return *p;
-}
-
-Peer &add_peer(const Guard &g, uint32_t id, uint32_t ext_id, std::string name) {
-    evfw_context *c = add_context(g, id, ext_id, std::move(name));
-    c->peer = peers().all.emplace_back(std::make_unique<Peer>(c)).get();
+Peer &add_peer(const Guard &g, uint32_t id, std::string name) {
+    evfw_context *c = add_context(g, id, std::move(name));
+    c->peer = std::make_unique<Peer>(c);
     return *c->peer;
 }
 
@@ -39,11 +29,6 @@ int send_new(evfw_context *from, const evfw_event *source, uint32_t to, uint32_t
 }
 
 }  // namespace
-
-void drop_peers(const Guard &) {
-    peers().all.clear();
-    peers().next_ext = EVFW_EXT_ID_BASE;
-}
 
 uint32_t Peer::id() const {
     return ctx_->id;
@@ -89,19 +74,17 @@ Peer &Runtime::add_task(uint32_t task_id) {
         throw std::logic_error("add_task: task " + std::to_string(task_id) +
                                " is served by an entity");
     }
-    return add_peer(g, task_id, 0, task_name(task_id));
+    return add_peer(g, task_id, task_name(task_id));
 }
 
 Peer &Runtime::add_client(const std::string &name) {
-    Guard g = lock();
-    const uint32_t id = peers().next_ext++;
-    return add_peer(g, id, id, name);
+    return add_peer(lock(), 0, name);
 }
 
 Peer *Runtime::peer(uint32_t id) {
     Guard g = lock();
     evfw_context *c = find_context(g, id);
-    return c != nullptr ? c->peer : nullptr;
+    return c != nullptr ? c->peer.get() : nullptr;
 }
 
 }  // namespace evfw_host

@@ -121,19 +121,6 @@ std::vector<std::string> Runtime::calls() const {
     return record().calls;
 }
 
-std::vector<UrcSubscription> Runtime::urc_subscribers(std::string_view line) const {
-    std::string_view skipped = line;
-    while (!skipped.empty() && (skipped.front() == '\r' || skipped.front() == '\n')) {
-        skipped.remove_prefix(1);
-    }
-    std::vector<UrcSubscription> out = urc_subscriptions();
-    std::erase_if(out, [&](const UrcSubscription &s) {
-        if ((s.mode & EVFW_URC_MODE_SKIP_CRLF) != 0) return !skipped.starts_with(s.prefix);
-        return (s.mode & EVFW_URC_MODE_LINE_START) == 0 || !line.starts_with(s.prefix);
-    });
-    return out;
-}
-
 std::vector<Diagnostic> Runtime::diagnostics() const {
     Guard g = lock();
     return record().diagnostics;

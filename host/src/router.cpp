@@ -44,6 +44,7 @@ struct Router {
     std::vector<Waiter *> waiters;    // innermost last
     std::condition_variable changed;  // queued, delivered, stopped
     uint32_t next_chnl = 1;
+    uint32_t next_ext = EVFW_EXT_ID_BASE;
     uint64_t deliveries = 0;
 };
 
@@ -171,12 +172,12 @@ std::vector<evfw_context *> contexts(const Guard &) {
     return all;
 }
 
-evfw_context *add_context(const Guard &, uint32_t id, uint32_t ext_id, std::string name,
-                          Entity *owner) {
+evfw_context *add_context(const Guard &, uint32_t id, std::string name, Entity *owner) {
     Router &r = router();
+    if (id == 0) id = r.next_ext++;
     auto &c = r.contexts[id] = std::make_unique<evfw_context>();
     c->id = id;
-    c->ext_id = ext_id;
+    c->ext_id = id >= EVFW_EXT_ID_BASE ? id : 0;
     c->chnl = r.next_chnl++;
     c->name = std::move(name);
     c->owner = owner;
@@ -301,6 +302,7 @@ void reset_routing(Mode mode) {
     r.mode = mode;
     r.wait_limit = std::chrono::milliseconds(2000);
     r.next_chnl = 1;
+    r.next_ext = EVFW_EXT_ID_BASE;
 }
 
 size_t Runtime::pump() {

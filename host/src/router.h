@@ -36,7 +36,7 @@ struct evfw_context {
     std::string name;
     evfw_host::Entity *owner = nullptr;  // the entity whose task this is
     evfw_task_t *task = nullptr;         // the entity's task object, when it is one
-    evfw_host::Peer *peer = nullptr;     // the peer, when it is one
+    std::unique_ptr<evfw_host::Peer> peer;  // the peer, when it is one
     // Copied under the lock and run without it, so that a handler may
     // replace itself meanwhile.  None: what the context gets is freed.
     std::shared_ptr<const evfw_host::Handler> handler;
@@ -55,9 +55,9 @@ Mode routing_mode(const Guard &);
 std::chrono::milliseconds wait_limit(const Guard &);
 evfw_context *find_context(const Guard &, uint32_t id);  // nullptr: no context serves `id`
 std::vector<evfw_context *> contexts(const Guard &);     // every one in service
-// A new context for `id`; threaded, its thread starts at once.
-evfw_context *add_context(const Guard &, uint32_t id, uint32_t ext_id, std::string name,
-                          Entity *owner = nullptr);
+// A new context for `id`, or for the next external id when `id` is 0;
+// threaded, its thread starts at once.
+evfw_context *add_context(const Guard &, uint32_t id, std::string name, Entity *owner = nullptr);
 // It takes nothing more: what is queued for it is freed and its thread
 // stops (unless this is that thread: then it ends once its handler returns).
 void stop_context(evfw_context *c);

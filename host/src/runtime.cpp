@@ -1,8 +1,5 @@
 // The runtime as tests and tools hold it: its instance, reset and new rounds.
-// Its other members live with the state they read: router.cpp (running),
-// entities.cpp, peers.cpp, events.cpp (accounting), record.cpp (trace,
-// calls, diagnostics), log.cpp, properties.cpp, faults.cpp, framework.cpp
-// (the mutexes).
+// Its other members live with the state they read.
 #include <unistd.h>
 
 #include "entities.h"
@@ -11,8 +8,6 @@
 #include "router.h"
 
 namespace evfw_host {
-
-void drop_peers(const Guard &);  // peers.cpp
 
 Runtime &Runtime::instance() {
     static Runtime *rt = new Runtime;
@@ -23,7 +18,6 @@ void Runtime::reset(Mode mode) {
     reset_routing(mode);
     {
         Guard g = lock();
-        drop_peers(g);
         reset_entities(g);
         reset_record(g, true);
         reset_logs(g, true);

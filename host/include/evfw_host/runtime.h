@@ -211,8 +211,6 @@ class Runtime {
     std::vector<UrcSubscription> urc_subscriptions() const;
     // "evfw_task_init(41,402)", "evfw_connmngr_common_subscribe(402,4002,1)", ...
     std::vector<std::string> calls() const;
-    // The tasks subscribed to a URC line, by the modes' rules (EVFW_URC_MODE_*).
-    std::vector<UrcSubscription> urc_subscribers(std::string_view line) const;
 
     // ---- properties (property_get reads them) ----
     void set_property(const std::string &key, const std::string &value);
