@@ -10,12 +10,13 @@
 // 902..905) and external clients by name, with external ids from
 // EVFW_EXT_ID_BASE up (the IMS managers, the LAN manager).
 //
-// Two modes, one send path:
-//  - Deterministic: every send is queued in one queue that pump() works
-//    off on the calling thread; threads that entities start run only in
-//    run_threads() or wait_threads().  Tests use this mode.
-//  - Threaded: each context (task or peer) has its own thread and queue,
-//    as on the device; wait_idle() waits until every queue is drained.
+// Two modes, one send path: every send is traced and queued in one queue.
+//  - Deterministic: pump() works the queue off on the calling thread;
+//    threads that entities start run only in wait_threads().  Tests use
+//    this mode.
+//  - Threaded: each context (task or peer) has its own thread, which takes
+//    what is queued for it, as on the device; wait_idle() waits until the
+//    queue is drained and no handler runs.
 //
 // Every send is traced while the trace is on; every log line is captured;
 // the runtime's own diagnostics are recorded in their places.  Events are
@@ -71,8 +72,8 @@ struct TraceEntry {
     uint32_t ext_id = 0;  // route carried by the event
     uint32_t chnl = 0;
     size_t len = 0;
-    std::vector<uint8_t> data;  // empty when data tracing is off
-    bool dropped = false;       // no context serves `to`
+    std::vector<uint8_t> data;
+    bool dropped = false;  // no context serves `to`
 };
 
 struct LogLine {
