@@ -172,18 +172,16 @@ TEST_F(Runtime_, TraceRecordsOnlyWhileOnAndPlacesDiagnosticsAmongTheSends) {
         EXPECT_EQ(std::tuple(rt.live_events(), rt.trace().size()), std::tuple(0L, on ? 3u : 0u));
     }
     EXPECT_EQ(got, (std::vector<uint32_t>{4002, 3002, 4002, 3002}));
-    const auto t = rt.trace();
-    const auto seen = [](const evfw_host::TraceEntry &e) {
+    auto seen = [](const evfw_host::TraceEntry &e) {
         return std::tuple(e.seq, e.from, e.to, e.event_id, e.ext_id, e.len, e.data, e.dropped);
     };
-    const uint32_t ims_id = ims->id();
-    EXPECT_EQ(std::vector({seen(t[0]), seen(t[1]), seen(t[2])}),
-              std::vector({std::tuple(1ul, ims_id, 302u, 4002u, ims_id, 0ul, Bytes{}, false),
-                           std::tuple(2ul, 402u, 302u, 3002u, 0u, 40ul, Bytes(40, 0xaa), false),
-                           std::tuple(3ul, 402u, 999u, 9u, 0u, 3ul, Bytes{1, 2, 0xff}, true)}));
+    const evfw_host::TraceEntry want[] = {{1, ims->id(), 302, 4002, ims->id(), 0, 0, {}, false},
+                                          {2, 402, 302, 3002, 0, 0, 40, Bytes(40, 0xaa), false},
+                                          {3, 402, 999, 9, 0, 0, 3, {1, 2, 0xff}, true}};
+    for (size_t i = 0; i < 3; ++i) EXPECT_EQ(seen(rt.trace().at(i)), seen(want[i])) << i;
     ASSERT_EQ(rt.diagnostics().size(), 1u);
-    EXPECT_EQ(std::tuple(rt.diagnostics()[0].after_seq, rt.bad_unlocks()), std::tuple(2ul, 1L));
-    EXPECT_EQ(std::string(context_get_name(ims_id)), "imsm_0");
+    EXPECT_EQ(std::tuple(rt.diagnostics()[0].after_seq, rt.bad_unlocks()), std::tuple(2u, 1L));
+    EXPECT_STREQ(context_get_name(ims->id()), "imsm_0");
 }
 
 // Which of ten allocations a fault plan fails, as a string of '.' and 'x'.

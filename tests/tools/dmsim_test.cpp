@@ -16,6 +16,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <regex>
 #include <string>
 
 namespace {
@@ -119,7 +120,12 @@ TEST_F(DmsimTest, FaultPlanShowsInItsPlaceAndLaterStepsAreStillServed) {
     run("--fail evfw_context_common_send:1 --trace " + dir_ + "/t.txt run " + path, 1,
         {"(4060) 136 B  pdn_id=4\n   " + fault + "\n   FAIL " + path + ":4",
          "PASS " + path + ":6"});
-    EXPECT_TRUE(has(read(dir_ + "/t.txt"), fault));
+    // The trace file: names, lengths, the first 32 bytes and the fault in its place.
+    EXPECT_TRUE(has(read(dir_ + "/t.txt"),
+                    fault + "\n   3 lanmngr(65536) -> TASK_DATAMNGR(402) EVENT_DATAMNGR_GET_PDN_" +
+                            "STATE_REQ(4060) len=136 data=" + std::string(64, '0') + "...\n   4 " +
+                            "TASK_DATAMNGR(402) -> lanmngr(65536) EVENT_DATAMNGR_GET_PDN_STATE_" +
+                            "RESP(4061) len=12 data=000000000500000004000100\n"));
 }
 
 TEST_F(DmsimTest, SeveralScenariosAndRepetitionsRunApartAndTheWorstStatusWins) {
@@ -160,6 +166,10 @@ TEST_F(DmsimTest, AtConsoleShowsResultsAsATerminalDoesAndDiagnosticsWithLog) {
     // With --log they show, and in the trace.
     r = run("--log --trace " + dir_ + "/trace.txt at", 0, {}, kAtSession);
     EXPECT_TRUE(has(r.err, "!! evfw_host: mutex ")) << r.err;
+    // Log lines as logcat shows them: stamp, pid, tid, priority, tag, text.
+    const std::regex logcat(R"(      \d\d-\d\d \d\d:\d\d:\d\d\.\d{3} +\d+ +\d+ D )"
+                            R"(RVN_DATAMNGR: .*\] datamngr_entity_init\n)");
+    EXPECT_TRUE(std::regex_search(r.err, logcat)) << r.err;
     EXPECT_TRUE(has(read(dir_ + "/trace.txt"), "!! evfw_host: mutex "));
 }
 
