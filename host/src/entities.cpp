@@ -214,7 +214,7 @@ evfw_entity_t *Runtime::load_entity(const std::string &name, const EntityAbi &ab
     Guard g = lock();
     // The framework's handlers are in place before the load counts as done,
     // so that a thread released by evfw_wait_all_entity_init finds them.
-    for (const auto &[task_id, hdl] : abi.ctx_handlers) {
+    for (const auto &[task_id, ctx_hdl] : abi.ctx_handlers) {
         evfw_context *c = ok ? find_context(g, task_id) : nullptr;
         if (ok && c == nullptr) {  // the framework makes the task the entity did not
             c = add_context(g, task_id, task_name(task_id), e);
@@ -225,7 +225,7 @@ evfw_entity_t *Runtime::load_entity(const std::string &name, const EntityAbi &ab
         } else if (c != nullptr) {
             c->handler = std::make_shared<const Handler>(
                     // The entity's private state is read at delivery: its init sets it.
-                    [hdl, rec = &e->rec](evfw_context *self, evfw_event *ev, uint32_t) {
+                    [hdl = ctx_hdl, rec = &e->rec](evfw_context *self, evfw_event *ev, uint32_t) {
                         hdl(self, ev, rec->priv);
                     });
         }

@@ -44,9 +44,9 @@ void Peer::on_receive(PeerHandler handler) {
     if (!handler) return;
     // The runtime frees the event once the peer's handler returns.
     ctx_->handler = std::make_shared<const Handler>(
-            [this, handler](evfw_context *, evfw_event *ev, uint32_t from) {
+            [this, fn = std::move(handler)](evfw_context *, evfw_event *ev, uint32_t from) {
                 try {
-                    handler(*this, Received{ev, ev->id, from, ev->chnl, ev->data});
+                    fn(*this, Received{ev, ev->id, from, ev->chnl, ev->data});
                 } catch (const std::exception &e) {
                     diag(lock(), "handler of peer %s threw: %s", name().c_str(), e.what());
                 }

@@ -69,7 +69,7 @@ void post(const Guard &g, uint32_t from, evfw_event *ev, uint32_t to) {
 
 // Takes the queued item `it` for `c` and runs c's handler for it, without
 // the lock; a context that takes nothing more frees it.
-void deliver(Guard &g, evfw_context *c, std::deque<Item>::iterator it) {
+void deliver(Guard &g, evfw_context *c, const std::deque<Item>::iterator &it) {
     Router &r = router();
     const Item item = *it;
     r.queue.erase(it);

@@ -34,8 +34,8 @@ struct evfw_context {
     uint32_t chnl = 0;
     uint32_t ext_id = 0;  // its own id for an external client, else 0
     std::string name;
-    evfw_host::Entity *owner = nullptr;  // the entity whose task this is
-    evfw_task_t *task = nullptr;         // the entity's task object, when it is one
+    evfw_host::Entity *owner = nullptr;     // the entity whose task this is
+    evfw_task_t *task = nullptr;            // the entity's task object, when it is one
     std::unique_ptr<evfw_host::Peer> peer;  // the peer, when it is one
     // Copied under the lock and run without it, so that a handler may
     // replace itself meanwhile.  None: what the context gets is freed.
