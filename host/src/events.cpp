@@ -111,12 +111,18 @@ evfw_event_t *event_set_data(evfw_event_t *event, size_t offset, const void *dat
     if (event == nullptr || (data == nullptr && len != 0) || offset > SIZE_MAX - len) {
         return nullptr;
     }
+    std::vector<uint8_t> &block = event->data;
     const auto *src = static_cast<const uint8_t *>(data);
     try {
-        // Copied first: the data may lie in the block, which resizing moves.
-        const std::vector<uint8_t> bytes(src, src + len);
-        event->data.resize(offset);  // a gap between the old end and offset reads as zeros
-        event->data.insert(event->data.end(), bytes.begin(), bytes.end());
+        // Data from the event's own block is copied first: resizing the
+        // block may move it.
+        std::vector<uint8_t> own;
+        if (len != 0 && src >= block.data() && src < block.data() + block.size()) {
+            own.assign(src, src + len);
+            src = own.data();
+        }
+        block.resize(offset);  // a gap between the old end and offset reads as zeros
+        block.insert(block.end(), src, src + len);
     } catch (const std::bad_alloc &) {
         return nullptr;
     }

@@ -83,8 +83,6 @@ TEST_F(Runtime_, RoutesTellChannelAndClientAndAnswersTakeTheirRequestsRoute) {
     for (const auto &[x, y, bits] : cases)
         EXPECT_EQ(std::tuple(evfw_event_cmp_chnl(x, y), evfw_event_cmp_chnl(y, x)),
                   std::tuple(bits, bits));
-    EXPECT_EQ(std::tuple(evfw_event_get_ext_id(a1), evfw_event_get_ext_id(t1)),
-              std::tuple(ims->id(), 0u));
     // A reply derived from a1 travels on imsm_0's route, whoever sends it.
     ASSERT_EQ(ril->reply(a1, TASK_ATMNGR, 2, nullptr, 0), 0);
     rt.pump();
