@@ -232,7 +232,9 @@ long prescribed_leaks(const std::vector<LogLine> &logs) {
 std::string accounting_problems(const Runtime &rt) {
     const long live = rt.live_events();
     const long held = held_by_library();
-    const long leaks = prescribed_leaks(rt.logs());
+    LeakCounter counter;
+    rt.for_each_log([&counter](const LogLine &line) { counter.see(line); });
+    const long leaks = counter.total();
     const DatamngrEntity *entity = dm_entity();
     std::string out;
     if (live - held - leaks != 0) {

@@ -61,6 +61,11 @@ std::vector<LogLine> Runtime::logs() const {
     return logs_store().lines;
 }
 
+void Runtime::for_each_log(const std::function<void(const LogLine &)> &visit) const {
+    Guard g = lock();
+    for (const LogLine &line : logs_store().lines) visit(line);
+}
+
 void Runtime::clear_logs() {
     Guard g = lock();
     logs_store().lines.clear();

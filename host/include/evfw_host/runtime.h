@@ -223,6 +223,9 @@ class Runtime {
     void set_trace(bool on);
 
     std::vector<LogLine> logs() const;
+    // Visits the captured lines in order without copying them; under the
+    // runtime's lock, so `visit` must not log.
+    void for_each_log(const std::function<void(const LogLine &)> &visit) const;
     void clear_logs();
     void set_log_capture(bool capture);  // off: lines are formatted, then discarded
 
