@@ -215,20 +215,21 @@ evfw_entity_t *Runtime::load_entity(const std::string &name, const EntityAbi &ab
     // The framework's handlers are in place before the load counts as done,
     // so that a thread released by evfw_wait_all_entity_init finds them.
     for (const auto &[task_id, ctx_hdl] : abi.ctx_handlers) {
-        evfw_context *c = ok ? find_context(g, task_id) : nullptr;
-        if (ok && c == nullptr) {  // the framework makes the task the entity did not
+        if (!ok) break;
+        evfw_context *c = find_context(g, task_id);
+        if (c == nullptr) {  // the framework makes the task the entity did not
             c = add_context(g, task_id, task_name(task_id), e);
         }
-        if (c != nullptr && c->peer != nullptr) {
+        if (c->peer != nullptr) {
             diag(g, "entity %s: handler for task %u not installed: a peer serves that id",
                  name.c_str(), task_id);
-        } else if (c != nullptr) {
-            c->handler = std::make_shared<const Handler>(
-                    // The entity's private state is read at delivery: its init sets it.
-                    [hdl = ctx_hdl, rec = &e->rec](evfw_context *self, evfw_event *ev, uint32_t) {
-                        hdl(self, ev, rec->priv);
-                    });
+            continue;
         }
+        c->handler = std::make_shared<const Handler>(
+                // The entity's private state is read at delivery: its init sets it.
+                [hdl = ctx_hdl, rec = &e->rec](evfw_context *self, evfw_event *ev, uint32_t) {
+                    hdl(self, ev, rec->priv);
+                });
     }
     --all.loads_in_progress;
     all.changed.notify_all();

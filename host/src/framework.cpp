@@ -74,7 +74,8 @@ int thread_start(evfw_thrd_t *thrd, evfw_thrd_fn_t fn, void *arg) {
 
 }  // namespace evfw_host
 
-using namespace evfw_host;  // NOLINT(google-build-using-namespace): the C API over the runtime
+// The C API below is written over the runtime's own names.
+using namespace evfw_host;
 
 extern "C" {
 

@@ -15,16 +15,17 @@ namespace evfw_host {
 
 namespace {
 
-// One send on its way to its receiver.
+// One send on its way to its receiver.  The receiver is held by its
+// context, not its id: a context that took the id over later gets none of it.
 struct Item {
     uint32_t from = 0;
-    uint32_t to = 0;
+    evfw_context *to = nullptr;
     evfw_event *ev = nullptr;
 };
 
 // A task blocked in send-and-wait.
 struct Waiter {
-    uint32_t task = 0;
+    const evfw_context *task = nullptr;
     evfw_rx_cond_t cond = nullptr;
     const void *arg = nullptr;
     size_t arg_len = 0;
@@ -61,18 +62,19 @@ void post(const Guard &g, uint32_t from, evfw_event *ev, uint32_t to) {
     evfw_context *c = find_context(g, to);
     trace_send(g, from, to, ev, c == nullptr);
     if (c == nullptr || c->stop) return free_event(g, ev);
-    const Item item{from, to, ev};
+    const Item item{from, c, ev};
     for (Waiter *w : r.waiters) w->matched = w->matched || w->accepts(item);
     r.queue.push_back(item);
     r.changed.notify_all();
 }
 
-// Takes the queued item `it` for `c` and runs c's handler for it, without
-// the lock; a context that takes nothing more frees it.
-void deliver(Guard &g, evfw_context *c, const std::deque<Item>::iterator &it) {
+// Takes the queued item `it` and runs its receiver's handler for it, without
+// the lock; a receiver that takes nothing more frees it.
+void deliver(Guard &g, const std::deque<Item>::iterator &it) {
     Router &r = router();
     const Item item = *it;
     r.queue.erase(it);
+    evfw_context *c = item.to;
     const std::shared_ptr<const Handler> handler = c->stop ? nullptr : c->handler;
     c->busy = true;
     g.unlock();
@@ -96,7 +98,7 @@ bool deliver_next(Guard &g) {
                             [&i](const Waiter *w) { return w->task == i.to; });
     });
     if (it == r.queue.end()) return false;
-    deliver(g, find_context(g, it->to), it);
+    deliver(g, it);
     return true;
 }
 
@@ -108,11 +110,11 @@ void work(evfw_context *c) {
         auto mine = r.queue.end();
         r.changed.wait(g, [&] {
             mine = std::find_if(r.queue.begin(), r.queue.end(),
-                                [c](const Item &i) { return i.to == c->id; });
+                                [c](const Item &i) { return i.to == c; });
             return c->stop || mine != r.queue.end();
         });
         if (c->stop) return;
-        deliver(g, c, mine);
+        deliver(g, mine);
     }
 }
 
@@ -147,7 +149,7 @@ int gave_up(const Guard &g, const Waiter &w, const char *why) {
         snprintf(awaited, sizeof awaited, "%s(%u)", event_get_name(id), id);
     }
     diag(g, "evfw_task_send_recv_event: task %s(%u) waited for %s; %s (-ETIMEDOUT)",
-         task_name(w.task), w.task, awaited, why);
+         w.task->name.c_str(), w.task->id, awaited, why);
     return -ETIMEDOUT;
 }
 
@@ -188,12 +190,10 @@ evfw_context *add_context(const Guard &, uint32_t id, std::string name, Entity *
 void stop_context(evfw_context *c) {
     {
         Guard g = lock();
-        if (!c->stop) {
-            std::erase_if(router().queue, [&g, c](const Item &i) {
-                if (i.to == c->id) free_event(g, i.ev);
-                return i.to == c->id;
-            });
-        }
+        std::erase_if(router().queue, [&g, c](const Item &i) {
+            if (i.to == c) free_event(g, i.ev);
+            return i.to == c;
+        });
         c->stop = true;
         router().changed.notify_all();
     }
@@ -249,7 +249,7 @@ int broadcast(const Guard &g, evfw_context *from, evfw_event *ev) {
 int send_and_wait(Guard &g, evfw_context *from, evfw_event *ev, uint32_t to, evfw_rx_cond_t cond,
                   const void *arg, size_t arg_len) {
     Router &r = router();
-    Waiter w{from->id, cond, arg, arg_len, false};
+    Waiter w{from, cond, arg, arg_len, false};
     // Registered before the send, so that a fast answer is not missed; an
     // accepted event already queued counts as well.
     w.matched = std::any_of(r.queue.begin(), r.queue.end(),

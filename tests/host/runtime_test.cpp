@@ -120,10 +120,13 @@ TEST_F(Runtime_, UnloadExitsNewestFirstAndRemovesTheirTasks) {
     EXPECT_EQ(evfw_task_init(&second_task, 1, EVFW_EXT_ID_BASE), -1);
     EXPECT_THROW(rt.add_task(TASK_DATAMNGR), std::logic_error);
     EXPECT_THROW(rt.add_task(EVFW_EXT_ID_BASE), std::invalid_argument);
+    ril->send(TASK_DATAMNGR_DATI_HDL, 7, nullptr, 0);  // for the task, not for whoever takes its id
     EXPECT_EQ(evfw_task_exit(&fake.dati), 0);
     EXPECT_EQ(evfw_task_exit(&fake.dati), -1);
     Peer *reused = &rt.add_task(TASK_DATAMNGR_DATI_HDL);
     EXPECT_EQ(reused, rt.peer(TASK_DATAMNGR_DATI_HDL)) << "an exited task's id is free again";
+    reused->on_receive([](Peer &, const Received &in) { ADD_FAILURE() << in.event_id; });
+    EXPECT_EQ(std::tuple(rt.pump(), rt.live_events()), std::tuple(0u, 0L));
     ril->send(TASK_DATAMNGR, 1, nullptr, 0);  // still queued at unload
     rt.unload();
     EXPECT_EQ(g_exit_order, (std::vector<std::string>{"second", "fake"}));
